@@ -1,0 +1,10 @@
+// Pool tags, one per kind of allocation. A tag reads in memory (and in a debugger's pool dump) as
+// the four characters given in each comment.
+#pragma once
+
+#define SK_TAG_STRING_BLOCK 'usTg'   // "gTsu": counted-string blocks
+#define SK_TAG_CCB 'cCTg'            // "gTCc": producer registration records
+#define SK_TAG_MSG_NODE 'mnTg'       // "gTnm": message nodes
+#define SK_TAG_IMAGE_RECORD 'iftG'   // "Gtfi": per-process image records
+#define SK_TAG_FAST_MUTEX 'fttG'     // "Gttf": fast mutexes of the message queues
+#define SK_TAG_SECURITY 'dsTg'       // "gTsd": security descriptors built from SDDL

@@ -1,0 +1,9 @@
+// Type tags that open every record the driver keeps (16-bit tag, then the 16-bit size).
+#pragma once
+
+#define SK_RECORD_SENTREL_DATA 0xFCF0
+#define SK_RECORD_DEVICE_EXTENSION 0xFCF1
+#define SK_RECORD_MSG_NODE 0xFCF2
+#define SK_RECORD_REGISTRATION 0xFCF3
+#define SK_RECORD_IMAGE 0xFCFA
+#define SK_RECORD_MSG_QUEUE 0xFCFB

@@ -1,0 +1,62 @@
+// SentrelData: the driver's single global context, with the order in which managers start and stop.
+#pragma once
+
+#include "platform/nt.h"
+#include "channel/msg_queue_record.h"
+#include "channel/registration_record.h"
+#include "core/optional_routines.h"
+
+typedef struct _SENTREL_DATA {
+  USHORT Tag;  // SK_RECORD_SENTREL_DATA
+  USHORT Size;
+  // Active kernel notification registrations: bit 0 process, bit 1 thread, bit 2 image load.
+  volatile LONG InitFlags;
+  ULONG64 EventMask;  // bit (1 << event type) enables a type; all ones at start-up
+  PDRIVER_OBJECT DriverObject;  // equals the driver object exactly while the context is initialised
+  PDEVICE_OBJECT DeviceObject;
+  PDEVICE_OBJECT MountMgrDeviceObject;
+  PFILE_OBJECT MountMgrFileObject;  // keeps the mount manager's device referenced
+  PEPROCESS ConsumerProcess;
+  SK_CCB ConsumerAuth;
+  PAGED_LOOKASIDE_LIST CcbLookaside;
+  PAGED_LOOKASIDE_LIST MsgNodeLookaside;
+  PAGED_LOOKASIDE_LIST ImageLookaside;
+  NPAGED_LOOKASIDE_LIST MutexLookaside;
+  SK_MSG_QUEUE ConsumerMsgQueue;
+  PUNICODE_STRING SystemRootPath;     // "\SystemRoot"
+  PUNICODE_STRING SystemRootNtPath;   // the system root as a kernel path
+  PUNICODE_STRING SystemRootDosPath;  // the system root as a DOS path
+  ULONG64 KernelImageBase;
+  ULONG KernelImageSize;
+  volatile LONG DeliveredMsgCount;
+  volatile LONG ReadMsgCount;
+  volatile LONG ProcessCreateCount;
+  volatile LONG RemoteThreadCount;
+  volatile LONG ImageLoadCount;
+  volatile LONG DriverLoadCount;
+  // The managers' own records (path cache, process and image tables, message queues, DOS names,
+  // stack hook, logon table, white and black rule sets, package cache, ring buffers) join here,
+  // in this order, as each manager lands.
+  PSK_SE_LOCATE_PROCESS_IMAGE_NAME SeLocateProcessImageName;
+  PSK_PS_REFERENCE_PROCESS_FILE_POINTER PsReferenceProcessFilePointer;
+  PSK_PS_ACQUIRE_PROCESS_EXIT_SYNCHRONIZATION PsAcquireProcessExitSynchronization;
+  PSK_PS_RELEASE_PROCESS_EXIT_SYNCHRONIZATION PsReleaseProcessExitSynchronization;
+} SENTREL_DATA, *PSENTREL_DATA;
+
+// The device's extension: the queue of read requests waiting for a packet.
+typedef struct _SK_DEVICE_EXTENSION {
+  USHORT Tag;  // SK_RECORD_DEVICE_EXTENSION
+  USHORT Size;
+  LIST_ENTRY PendingReadList;
+  FAST_MUTEX PendingReadLock;
+  // The cancel-safe queue over these two comes with the message queues.
+} SK_DEVICE_EXTENSION, *PSK_DEVICE_EXTENSION;
+
+extern SENTREL_DATA SentrelData;
+extern PDRIVER_OBJECT SkDriverObject;  // kept from entry on, before the context is initialised
+extern PDEVICE_OBJECT SkDeviceObject;
+extern volatile BOOLEAN SentrelOnline;    // reporters report only while set; read without a lock
+extern volatile BOOLEAN LoadGuardReleased;  // set by the shutdown handler, read by unload
+
+NTSTATUS sk_InitSentrelData(void);
+NTSTATUS sk_UninitSentrelData(void);

@@ -1,0 +1,18 @@
+// The one door through which the driver reaches the kernel. For Windows it is the DDK of the
+// mingw-w64 toolchain plus our own declarations of what that DDK lacks; for the host build it is
+// the simulated kernel, which declares the same types and routines.
+#pragma once
+
+#if defined(_WIN32) && !defined(SENTREL_HOST)
+#include <ntifs.h>
+#include "kernel/kernel_decls.h"
+// Aligned 32-bit accesses are atomic on x64; volatile keeps the compiler from caching them.
+#define SK_READ_ONCE(x) (*(volatile __typeof__(x)*)&(x))
+#define SK_WRITE_ONCE(x, v) (*(volatile __typeof__(x)*)&(x) = (v))
+#else
+#include <ntsim/ntsim.h>
+#define SK_READ_ONCE(x) __atomic_load_n(&(x), __ATOMIC_RELAXED)
+#define SK_WRITE_ONCE(x, v) __atomic_store_n(&(x), (v), __ATOMIC_RELAXED)
+#endif
+
+#include "kernel/io_create_device_secure.h"

@@ -1,0 +1,107 @@
+#include "ex/pool.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "kernel.h"
+
+namespace ntsim {
+
+std::string TagText(ULONG tag) {
+  std::string text;
+  for (int i = 0; i < 4; ++i) {
+    char c = static_cast<char>((tag >> (8 * i)) & 0xFF);
+    text.push_back(c >= 0x20 && c < 0x7F ? c : '?');
+  }
+  return text;
+}
+
+Pool::~Pool() { ReleaseAll(); }
+
+PVOID Pool::Allocate(POOL_TYPE type, SIZE_T size, ULONG tag, const char* call) {
+  if (tag == 0 || tag == ' kdD') {
+    K().verifier.Violation(call, "allocation without a pool tag of its own");
+  }
+  if (size == 0) {
+    K().verifier.Violation(call, "zero-byte allocation");
+    return nullptr;
+  }
+  if (K().verifier.ShouldFail(call)) return nullptr;
+  // Fresh pool is not zeroed: fill it with a pattern so that code relying on zeroed memory fails.
+  void* p = std::malloc(size);
+  if (!p) return nullptr;
+  std::memset(p, 0xCD, size);
+  std::lock_guard<std::mutex> lock(mutex_);
+  blocks_[p] = PoolBlock{type, size, tag};
+  ++allocations_;
+  return p;
+}
+
+void Pool::Free(PVOID p, ULONG tag, bool checkTag, const char* call) {
+  if (!p) {
+    K().verifier.Violation(call, "freeing a null pointer");
+    return;
+  }
+  PoolBlock block;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = blocks_.find(p);
+    if (it == blocks_.end()) {
+      char text[96];
+      std::snprintf(text, sizeof text, "%p is not an allocated pool block (double free or wild pointer)", p);
+      K().verifier.Violation(call, text);
+      return;
+    }
+    block = it->second;
+    if (checkTag && block.tag != tag) {
+      K().verifier.Violation(call, "freeing a block of tag '" + TagText(block.tag) + "' with tag '" + TagText(tag) + "'");
+      return;
+    }
+    blocks_.erase(it);
+  }
+  std::memset(p, 0xFE, block.size);  // catch use after free
+  std::free(p);
+}
+
+std::vector<PoolBlock> Pool::Outstanding() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<PoolBlock> out;
+  for (auto& [p, block] : blocks_) out.push_back(block);
+  return out;
+}
+
+size_t Pool::OutstandingBytes() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  size_t total = 0;
+  for (auto& [p, block] : blocks_) total += block.size;
+  return total;
+}
+
+uint64_t Pool::AllocationCount() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return allocations_;
+}
+
+void Pool::ReleaseAll() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto& [p, block] : blocks_) std::free(const_cast<void*>(p));
+  blocks_.clear();
+}
+
+}  // namespace ntsim
+
+using namespace ntsim;
+
+PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
+  if ((PoolType & 1) == PagedPool && KeGetCurrentIrql() > APC_LEVEL) {
+    K().verifier.Violation("ExAllocatePoolWithTag", "paged pool allocated above APC_LEVEL");
+  }
+  return K().pool.Allocate(PoolType, NumberOfBytes, Tag, "ExAllocatePoolWithTag");
+}
+
+PVOID NTAPI ExAllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes) {
+  return K().pool.Allocate(PoolType, NumberOfBytes, 0, "ExAllocatePool");
+}
+
+VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag) { K().pool.Free(P, Tag, true, "ExFreePoolWithTag"); }
+VOID NTAPI ExFreePool(PVOID P) { K().pool.Free(P, 0, false, "ExFreePool"); }

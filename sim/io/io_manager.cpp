@@ -1,0 +1,520 @@
+#include "io/io_manager.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "kernel.h"
+
+namespace ntsim {
+
+void NoteDriverReference(void* body);
+
+namespace {
+
+constexpr ULONG kFileHandleCreated = 0x00040000;  // FO_HANDLE_CREATED
+
+const char* const kMajorNames[] = {
+    "IRP_MJ_CREATE", "IRP_MJ_CREATE_NAMED_PIPE", "IRP_MJ_CLOSE", "IRP_MJ_READ", "IRP_MJ_WRITE",
+    "IRP_MJ_QUERY_INFORMATION", "IRP_MJ_SET_INFORMATION", "IRP_MJ_QUERY_EA", "IRP_MJ_SET_EA",
+    "IRP_MJ_FLUSH_BUFFERS", "IRP_MJ_QUERY_VOLUME_INFORMATION", "IRP_MJ_SET_VOLUME_INFORMATION",
+    "IRP_MJ_DIRECTORY_CONTROL", "IRP_MJ_FILE_SYSTEM_CONTROL", "IRP_MJ_DEVICE_CONTROL",
+    "IRP_MJ_INTERNAL_DEVICE_CONTROL", "IRP_MJ_SHUTDOWN", "IRP_MJ_LOCK_CONTROL", "IRP_MJ_CLEANUP",
+    "IRP_MJ_CREATE_MAILSLOT", "IRP_MJ_QUERY_SECURITY", "IRP_MJ_SET_SECURITY", "IRP_MJ_POWER",
+    "IRP_MJ_SYSTEM_CONTROL", "IRP_MJ_DEVICE_CHANGE", "IRP_MJ_QUERY_QUOTA", "IRP_MJ_SET_QUOTA", "IRP_MJ_PNP"};
+
+// The I/O manager's own answer for a major function that a driver does not handle.
+NTSTATUS NTAPI InvalidDeviceRequest(PDEVICE_OBJECT, PIRP irp) {
+  irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
+  irp->IoStatus.Information = 0;
+  IofCompleteRequest(irp, IO_NO_INCREMENT);
+  return STATUS_INVALID_DEVICE_REQUEST;
+}
+
+void OnFileLastHandle(void* body) { K().io.SendFileRequest(static_cast<PFILE_OBJECT>(body), IRP_MJ_CLEANUP); }
+
+void OnFileDelete(void* body) {
+  auto* file = static_cast<PFILE_OBJECT>(body);
+  if (file->Flags & kFileHandleCreated) K().io.SendFileRequest(file, IRP_MJ_CLOSE);
+  delete[] file->FileName.Buffer;
+  if (file->DeviceObject) K().ob.Dereference(file->DeviceObject);
+}
+
+bool QueryDeviceName(void* body, std::u16string* name) {
+  *name = K().ob.FullName(ObjectManager::HeaderOf(body));
+  return true;
+}
+
+// A file object is named by its device followed by its file name.
+bool QueryFileName(void* body, std::u16string* name) {
+  auto* file = static_cast<PFILE_OBJECT>(body);
+  *name = K().ob.FullName(ObjectManager::HeaderOf(file->DeviceObject)) + ToU16(&file->FileName);
+  return true;
+}
+
+std::u16string Win32ToNtPath(const std::u16string& path) {
+  if (path.rfind(u"\\\\.\\", 0) == 0 || path.rfind(u"\\\\?\\", 0) == 0) return u"\\??\\" + path.substr(4);
+  if (path.size() >= 2 && path[1] == u':') return u"\\??\\" + path;
+  return path;
+}
+
+PMDL BuildMdl(void* buffer, ULONG length) {
+  auto* mdl = new MDL();
+  mdl->Size = sizeof(MDL);
+  mdl->MappedSystemVa = buffer;
+  mdl->StartVa = reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(buffer) & ~ULONG_PTR(PAGE_SIZE - 1));
+  mdl->ByteOffset = static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(buffer) & (PAGE_SIZE - 1));
+  mdl->ByteCount = length;
+  mdl->Process = CurrentProcess();
+  return mdl;
+}
+
+}  // namespace
+
+const char* MajorFunctionName(UCHAR major) {
+  return major <= IRP_MJ_MAXIMUM_FUNCTION ? kMajorNames[major] : "IRP_MJ_?";
+}
+
+void IoManager::Boot(ObjectManager& ob) {
+  ob_ = &ob;
+  ob.types.file.onLastHandleClose = OnFileLastHandle;
+  ob.types.file.onDelete = OnFileDelete;
+  ob.types.file.queryName = QueryFileName;
+  ob.types.device.queryName = QueryDeviceName;
+  ob.CreateDirectory(u"\\Device");
+  ob.CreateDirectory(u"\\Driver");
+  ob.CreateDirectory(u"\\FileSystem");
+  ob.CreateDirectory(u"\\??");
+  ob.CreateSymbolicLink(u"\\DosDevices", u"\\??", nullptr);
+  ob.CreateSymbolicLink(u"\\GLOBAL??", u"\\??", nullptr);
+}
+
+void IoManager::Teardown() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto& [irp, state] : requests_) std::free(irp);
+  requests_.clear();
+  shutdown_.clear();
+  driverLinks_.clear();
+  drivers_.clear();
+}
+
+PDRIVER_OBJECT IoManager::CreateDriverObject(const std::u16string& name, PDRIVER_INITIALIZE entry) {
+  struct DriverBody {
+    DRIVER_OBJECT driver;
+    DRIVER_EXTENSION extension;
+    WCHAR name[64];
+  };
+  auto* body = static_cast<DriverBody*>(ob_->CreateObject(&ob_->types.driver, sizeof(DriverBody)));
+  PDRIVER_OBJECT driver = &body->driver;
+  driver->Type = IO_TYPE_DRIVER;
+  driver->Size = sizeof(DRIVER_OBJECT);
+  driver->DriverExtension = &body->extension;
+  body->extension.DriverObject = driver;
+  size_t n = name.size() < 63 ? name.size() : 63;
+  std::memcpy(body->name, name.data(), n * sizeof(WCHAR));
+  driver->DriverName.Buffer = body->name;
+  driver->DriverName.Length = static_cast<USHORT>(n * sizeof(WCHAR));
+  driver->DriverName.MaximumLength = static_cast<USHORT>(sizeof body->name);
+  driver->DriverInit = entry;
+  for (auto& dispatch : driver->MajorFunction) dispatch = InvalidDeviceRequest;
+  ob_->InsertName(driver, name, true);
+  ob_->Dereference(driver);  // the namespace keeps it
+  std::lock_guard<std::mutex> lock(mutex_);
+  drivers_.push_back(driver);
+  return driver;
+}
+
+void IoManager::DeleteDriverObject(PDRIVER_OBJECT driver) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = drivers_.begin(); it != drivers_.end(); ++it) {
+      if (*it == driver) {
+        drivers_.erase(it);
+        break;
+      }
+    }
+  }
+  ob_->RemoveName(driver);
+}
+
+NTSTATUS IoManager::CreateDevice(PDRIVER_OBJECT driver, ULONG extensionSize, const UNICODE_STRING* name,
+                                 DEVICE_TYPE type, ULONG characteristics, BOOLEAN exclusive, PDEVICE_OBJECT* device) {
+  size_t extensionOffset = (sizeof(DEVICE_OBJECT) + 15) & ~size_t(15);
+  auto* object = static_cast<PDEVICE_OBJECT>(ob_->CreateObject(&ob_->types.device, extensionOffset + extensionSize));
+  object->Type = IO_TYPE_DEVICE;
+  object->Size = static_cast<USHORT>(sizeof(DEVICE_OBJECT) + extensionSize);
+  object->ReferenceCount = 0;
+  object->DriverObject = driver;
+  object->DeviceType = type;
+  object->Characteristics = characteristics;
+  object->StackSize = 1;
+  object->Flags = DO_DEVICE_INITIALIZING | (exclusive ? DO_EXCLUSIVE : 0);
+  object->DeviceExtension = extensionSize ? reinterpret_cast<char*>(object) + extensionOffset : nullptr;
+  if (name && name->Length) {
+    NTSTATUS status = ob_->InsertName(object, ToU16(name), true);
+    if (!NT_SUCCESS(status)) {
+      ob_->Dereference(object);
+      return status;
+    }
+    object->Flags |= DO_DEVICE_HAS_NAME;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  object->NextDevice = driver->DeviceObject;
+  driver->DeviceObject = object;
+  *device = object;
+  return STATUS_SUCCESS;
+}
+
+void IoManager::DeleteDevice(PDEVICE_OBJECT device) {
+  UnregisterShutdown(device);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    PDEVICE_OBJECT* link = &device->DriverObject->DeviceObject;
+    while (*link && *link != device) link = &(*link)->NextDevice;
+    if (*link) *link = device->NextDevice;
+  }
+  ob_->RemoveName(device);     // drops the name's reference, if it has a name
+  ob_->Dereference(device);    // the creation reference: open files may keep it a while longer
+}
+
+// ---------------------------------------------------------------------------------------------
+// Requests
+
+PIRP IoManager::AllocateIrp(CCHAR stackSize) {
+  size_t size = sizeof(IRP) + stackSize * sizeof(IO_STACK_LOCATION);
+  auto* irp = static_cast<PIRP>(std::calloc(1, size));
+  if (!irp) std::abort();
+  irp->Type = IO_TYPE_IRP;
+  irp->Size = static_cast<USHORT>(size);
+  irp->StackCount = stackSize;
+  irp->CurrentLocation = static_cast<CHAR>(stackSize + 1);
+  irp->Tail.Overlay.CurrentStackLocation = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + stackSize;
+  irp->Tail.Overlay.Thread = CurrentThread();
+  irp->RequestorMode = ExGetPreviousMode();
+  InitializeListHead(&irp->ThreadListEntry);
+  std::lock_guard<std::mutex> lock(mutex_);
+  requests_[irp] = RequestState();
+  return irp;
+}
+
+NTSTATUS IoManager::CallDriver(PDEVICE_OBJECT device, PIRP irp) {
+  if (--irp->CurrentLocation <= 0) {
+    K().verifier.Violation("IofCallDriver", "the request has no stack location left for the next driver");
+    return STATUS_INVALID_PARAMETER;
+  }
+  PIO_STACK_LOCATION stack = --irp->Tail.Overlay.CurrentStackLocation;
+  stack->DeviceObject = device;
+  PDRIVER_DISPATCH dispatch = device->DriverObject->MajorFunction[stack->MajorFunction];
+  return dispatch(device, irp);
+}
+
+void IoManager::CompleteRequest(PIRP irp) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = requests_.find(irp);
+    if (it == requests_.end()) {
+      char text[96];
+      std::snprintf(text, sizeof text, "request %p is not outstanding (completed before and freed?)", (void*)irp);
+      K().verifier.Violation("IofCompleteRequest", text);
+      return;
+    }
+    if (it->second.completed) {
+      K().verifier.Violation("IofCompleteRequest", "request completed twice");
+      return;
+    }
+  }
+  if (irp->IoStatus.Status == STATUS_PENDING) {
+    K().verifier.Violation("IofCompleteRequest", "request completed with STATUS_PENDING");
+  }
+  if (irp->CancelRoutine) {
+    K().verifier.Violation("IofCompleteRequest", "request completed with its cancel routine still set");
+  }
+  // Completion routines, from the current stack location upward.
+  PIO_STACK_LOCATION stack = irp->Tail.Overlay.CurrentStackLocation;
+  PIO_STACK_LOCATION end = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + irp->StackCount;
+  for (; stack < end; ++stack) {
+    irp->PendingReturned = (stack->Control & SL_PENDING_RETURNED) != 0;
+    ++irp->CurrentLocation;
+    ++irp->Tail.Overlay.CurrentStackLocation;
+    if (stack->CompletionRoutine) {
+      PDEVICE_OBJECT device = stack + 1 < end ? (stack + 1)->DeviceObject : nullptr;
+      NTSTATUS status = stack->CompletionRoutine(device, irp, stack->Context);
+      if (status == (NTSTATUS)0xC0000016L /* STATUS_MORE_PROCESSING_REQUIRED */) return;
+    }
+  }
+  if (irp->UserIosb) *irp->UserIosb = irp->IoStatus;
+  if (irp->UserEvent) KeSetEvent(irp->UserEvent, IO_NO_INCREMENT, FALSE);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    requests_[irp].completed = true;
+  }
+  completed_.notify_all();
+}
+
+IoResult IoManager::SendAndWait(PDEVICE_OBJECT device, PIRP irp) {
+  UCHAR major = IoGetNextIrpStackLocation(irp)->MajorFunction;
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  NTSTATUS status = CallDriver(device, irp);
+  std::unique_lock<std::mutex> lock(mutex_);
+  RequestState& state = requests_[irp];
+  state.dispatchReturned = true;
+  if (status == STATUS_PENDING) {
+    if (!(stack->Control & SL_PENDING_RETURNED)) {
+      lock.unlock();
+      K().verifier.Violation(MajorFunctionName(major), "dispatch returned STATUS_PENDING without IoMarkIrpPending");
+      lock.lock();
+    }
+    completed_.wait(lock, [&] { return requests_[irp].completed; });
+  } else if (!state.completed) {
+    lock.unlock();
+    char text[128];
+    std::snprintf(text, sizeof text, "dispatch returned %08x without completing the request", (unsigned)status);
+    K().verifier.Violation(MajorFunctionName(major), text);
+    lock.lock();
+  } else if (status != irp->IoStatus.Status) {
+    lock.unlock();
+    char text[128];
+    std::snprintf(text, sizeof text, "dispatch returned %08x but completed the request with %08x", (unsigned)status,
+                  (unsigned)irp->IoStatus.Status);
+    K().verifier.Violation(MajorFunctionName(major), text);
+    lock.lock();
+  }
+  return IoResult{irp->IoStatus.Status, irp->IoStatus.Information};
+}
+
+void IoManager::FreeIrp(PIRP irp) {
+  for (PMDL mdl = irp->MdlAddress; mdl;) {
+    PMDL next = mdl->Next;
+    delete mdl;
+    mdl = next;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  requests_.erase(irp);
+  std::free(irp);
+}
+
+size_t IoManager::OutstandingRequests() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  size_t n = 0;
+  for (auto& [irp, state] : requests_) n += state.completed ? 0 : 1;
+  return n;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Shutdown notification and links
+
+NTSTATUS IoManager::RegisterShutdown(PDEVICE_OBJECT device) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  shutdown_.push_back(device);
+  return STATUS_SUCCESS;
+}
+
+void IoManager::UnregisterShutdown(PDEVICE_OBJECT device) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto it = shutdown_.begin(); it != shutdown_.end();) {
+    it = *it == device ? shutdown_.erase(it) : it + 1;
+  }
+}
+
+std::vector<PDEVICE_OBJECT> IoManager::ShutdownDevices() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return shutdown_;
+}
+
+void IoManager::NoteDriverLink(void* link) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  driverLinks_.insert(link);
+}
+
+void IoManager::ForgetDriverLink(void* link) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  driverLinks_.erase(link);
+}
+
+std::vector<std::u16string> IoManager::DriverLinks() {
+  std::vector<void*> links;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    links.assign(driverLinks_.begin(), driverLinks_.end());
+  }
+  std::vector<std::u16string> names;
+  for (void* link : links) names.push_back(ob_->FullName(ObjectManager::HeaderOf(link)));
+  return names;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The user-mode side
+
+PIRP IoManager::BuildUserIrp(PFILE_OBJECT file, UCHAR major) {
+  PIRP irp = AllocateIrp(file->DeviceObject->StackSize);
+  irp->Tail.Overlay.OriginalFileObject = file;
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  stack->MajorFunction = major;
+  stack->FileObject = file;
+  return irp;
+}
+
+NTSTATUS IoManager::UserCreateFile(const std::u16string& win32Path, ACCESS_MASK access, HANDLE* handle) {
+  ObjectHeader* header = nullptr;
+  std::u16string remaining;
+  NTSTATUS status = ob_->Lookup(Win32ToNtPath(win32Path), false, &header, &remaining);
+  if (!NT_SUCCESS(status)) return status;
+  if (header->type != &ob_->types.device) {
+    ob_->Dereference(header->Body());
+    return STATUS_OBJECT_TYPE_MISMATCH;
+  }
+  auto* device = static_cast<PDEVICE_OBJECT>(header->Body());
+  if (device->Flags & DO_DEVICE_INITIALIZING) {
+    ob_->Dereference(device);
+    return STATUS_NO_SUCH_DEVICE;
+  }
+  if ((device->Flags & DO_EXCLUSIVE) && device->ReferenceCount > 0) {
+    ob_->Dereference(device);
+    return STATUS_ACCESS_DENIED;
+  }
+  auto* file = static_cast<PFILE_OBJECT>(ob_->CreateObject(&ob_->types.file, sizeof(FILE_OBJECT)));
+  file->Type = IO_TYPE_FILE;
+  file->Size = sizeof(FILE_OBJECT);
+  file->DeviceObject = device;  // the lookup's reference passes to the file object
+  if (!remaining.empty()) {
+    file->FileName.Buffer = new WCHAR[remaining.size()];
+    std::memcpy(file->FileName.Buffer, remaining.data(), remaining.size() * sizeof(WCHAR));
+    file->FileName.Length = file->FileName.MaximumLength = static_cast<USHORT>(remaining.size() * sizeof(WCHAR));
+  }
+  file->ReadAccess = (access & (FILE_READ_DATA | GENERIC_READ)) != 0;
+  file->WriteAccess = (access & (FILE_WRITE_DATA | GENERIC_WRITE)) != 0;
+  KeInitializeEvent(&file->Event, NotificationEvent, FALSE);
+  PIRP irp = BuildUserIrp(file, IRP_MJ_CREATE);
+  IoResult result = SendAndWait(device, irp);
+  FreeIrp(irp);
+  if (!NT_SUCCESS(result.status)) {
+    ob_->Dereference(file);  // no handle was created: no cleanup or close follows
+    return result.status;
+  }
+  file->Flags |= kFileHandleCreated;
+  __atomic_add_fetch(&device->ReferenceCount, 1, __ATOMIC_SEQ_CST);
+  ACCESS_MASK granted = access;
+  if (access & GENERIC_READ) granted |= FILE_READ_DATA | FILE_READ_ATTRIBUTES;
+  if (access & GENERIC_WRITE) granted |= FILE_WRITE_DATA | FILE_APPEND_DATA;
+  if (access & GENERIC_ALL) granted |= FILE_ALL_ACCESS;
+  *handle = ob_->InsertHandle(file, granted, false, false);
+  ob_->Dereference(file);  // the handle keeps it
+  return STATUS_SUCCESS;
+}
+
+NTSTATUS IoManager::ReferenceUserFile(HANDLE handle, ACCESS_MASK access, PFILE_OBJECT* file) {
+  void* body = nullptr;
+  NTSTATUS status = ob_->ReferenceByHandle(handle, &ob_->types.file, UserMode, access, &body, nullptr);
+  if (NT_SUCCESS(status)) *file = static_cast<PFILE_OBJECT>(body);
+  return status;
+}
+
+IoResult IoManager::UserDeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
+                                        ULONG outLength) {
+  ULONG requiredAccess = (code >> 14) & 3;
+  ACCESS_MASK access = ((requiredAccess & FILE_READ_ACCESS) ? FILE_READ_DATA : 0) |
+                       ((requiredAccess & FILE_WRITE_ACCESS) ? FILE_WRITE_DATA : 0);
+  PFILE_OBJECT file = nullptr;
+  NTSTATUS status = ReferenceUserFile(handle, access, &file);
+  if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  PIRP irp = BuildUserIrp(file, IRP_MJ_DEVICE_CONTROL);
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  stack->Parameters.DeviceIoControl.IoControlCode = code;
+  stack->Parameters.DeviceIoControl.InputBufferLength = inLength;
+  stack->Parameters.DeviceIoControl.OutputBufferLength = outLength;
+  ULONG method = METHOD_FROM_CTL_CODE(code);
+  std::vector<char> system;
+  if (method == METHOD_BUFFERED) {
+    system.resize(inLength > outLength ? inLength : outLength);
+    if (inLength) std::memcpy(system.data(), in, inLength);
+    irp->AssociatedIrp.SystemBuffer = system.empty() ? nullptr : system.data();
+  } else if (method == METHOD_NEITHER) {
+    stack->Parameters.DeviceIoControl.Type3InputBuffer = const_cast<void*>(in);
+    irp->UserBuffer = out;
+  } else {
+    system.assign(static_cast<const char*>(in), static_cast<const char*>(in) + (in ? inLength : 0));
+    irp->AssociatedIrp.SystemBuffer = system.empty() ? nullptr : system.data();
+    if (out && outLength) irp->MdlAddress = BuildMdl(out, outLength);
+  }
+  IoResult result = SendAndWait(file->DeviceObject, irp);
+  if (method == METHOD_BUFFERED && !NT_ERROR_STATUS(result.status) && result.information) {
+    if (result.information > outLength) {
+      K().verifier.Violation("IRP_MJ_DEVICE_CONTROL", "information exceeds the output buffer's length");
+    } else {
+      std::memcpy(out, system.data(), result.information);
+    }
+  }
+  FreeIrp(irp);
+  ob_->Dereference(file);
+  return result;
+}
+
+IoResult IoManager::UserRead(HANDLE handle, void* buffer, ULONG length) {
+  PFILE_OBJECT file = nullptr;
+  NTSTATUS status = ReferenceUserFile(handle, FILE_READ_DATA, &file);
+  if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  PIRP irp = BuildUserIrp(file, IRP_MJ_READ);
+  IoGetNextIrpStackLocation(irp)->Parameters.Read.Length = length;
+  std::vector<char> system;
+  ULONG flags = file->DeviceObject->Flags;
+  if (flags & DO_BUFFERED_IO) {
+    system.resize(length);
+    irp->AssociatedIrp.SystemBuffer = length ? system.data() : nullptr;
+  } else if (flags & DO_DIRECT_IO) {
+    if (length) irp->MdlAddress = BuildMdl(buffer, length);
+  } else {
+    irp->UserBuffer = buffer;
+  }
+  IoResult result = SendAndWait(file->DeviceObject, irp);
+  if ((flags & DO_BUFFERED_IO) && NT_SUCCESS(result.status) && result.information) {
+    std::memcpy(buffer, system.data(), result.information <= length ? result.information : length);
+  }
+  FreeIrp(irp);
+  ob_->Dereference(file);
+  return result;
+}
+
+IoResult IoManager::UserWrite(HANDLE handle, const void* buffer, ULONG length) {
+  PFILE_OBJECT file = nullptr;
+  NTSTATUS status = ReferenceUserFile(handle, FILE_WRITE_DATA, &file);
+  if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  PIRP irp = BuildUserIrp(file, IRP_MJ_WRITE);
+  IoGetNextIrpStackLocation(irp)->Parameters.Write.Length = length;
+  std::vector<char> system;
+  ULONG flags = file->DeviceObject->Flags;
+  if (flags & DO_BUFFERED_IO) {
+    system.assign(static_cast<const char*>(buffer), static_cast<const char*>(buffer) + length);
+    irp->AssociatedIrp.SystemBuffer = length ? system.data() : nullptr;
+  } else if (flags & DO_DIRECT_IO) {
+    if (length) irp->MdlAddress = BuildMdl(const_cast<void*>(buffer), length);
+  } else {
+    irp->UserBuffer = const_cast<void*>(buffer);
+  }
+  IoResult result = SendAndWait(file->DeviceObject, irp);
+  FreeIrp(irp);
+  ob_->Dereference(file);
+  return result;
+}
+
+IoResult IoManager::UserSendMajor(HANDLE handle, UCHAR major) {
+  PFILE_OBJECT file = nullptr;
+  NTSTATUS status = ReferenceUserFile(handle, 0, &file);
+  if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  PIRP irp = BuildUserIrp(file, major);
+  IoResult result = SendAndWait(file->DeviceObject, irp);
+  FreeIrp(irp);
+  ob_->Dereference(file);
+  return result;
+}
+
+NTSTATUS IoManager::UserCloseHandle(HANDLE handle) { return ob_->CloseHandle(handle, UserMode); }
+
+void IoManager::SendFileRequest(PFILE_OBJECT file, UCHAR major) {
+  PDEVICE_OBJECT device = file->DeviceObject;
+  if (major == IRP_MJ_CLOSE) __atomic_sub_fetch(&device->ReferenceCount, 1, __ATOMIC_SEQ_CST);
+  PIRP irp = BuildUserIrp(file, major);
+  irp->RequestorMode = KernelMode;
+  SendAndWait(device, irp);
+  FreeIrp(irp);
+}
+
+}  // namespace ntsim

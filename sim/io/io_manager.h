@@ -1,0 +1,84 @@
+// The simulated I/O manager: driver and device objects, file objects, requests and their
+// completion, shutdown notification, and the user-mode side of CreateFile, ReadFile, WriteFile,
+// DeviceIoControl and CloseHandle.
+#pragma once
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ob/object_manager.h"
+
+namespace ntsim {
+
+// What a user-mode caller gets back from a request, as the Win32 routines report it.
+struct IoResult {
+  NTSTATUS status = STATUS_SUCCESS;
+  ULONG_PTR information = 0;
+};
+
+class IoManager {
+ public:
+  void Boot(ObjectManager& ob);
+  void Teardown();
+
+  PDRIVER_OBJECT CreateDriverObject(const std::u16string& name, PDRIVER_INITIALIZE entry);
+  void DeleteDriverObject(PDRIVER_OBJECT driver);
+
+  NTSTATUS CreateDevice(PDRIVER_OBJECT driver, ULONG extensionSize, const UNICODE_STRING* name, DEVICE_TYPE type,
+                        ULONG characteristics, BOOLEAN exclusive, PDEVICE_OBJECT* device);
+  void DeleteDevice(PDEVICE_OBJECT device);
+
+  // Requests.
+  PIRP AllocateIrp(CCHAR stackSize);
+  NTSTATUS CallDriver(PDEVICE_OBJECT device, PIRP irp);
+  void CompleteRequest(PIRP irp);
+  // Sends a request built by the I/O manager and waits until it is completed.
+  IoResult SendAndWait(PDEVICE_OBJECT device, PIRP irp);
+  void FreeIrp(PIRP irp);
+  size_t OutstandingRequests();
+
+  // Shutdown notification.
+  NTSTATUS RegisterShutdown(PDEVICE_OBJECT device);
+  void UnregisterShutdown(PDEVICE_OBJECT device);
+  std::vector<PDEVICE_OBJECT> ShutdownDevices();
+
+  // Symbolic links the driver created, for the unload verdict.
+  void NoteDriverLink(void* link);
+  void ForgetDriverLink(void* link);
+  std::vector<std::u16string> DriverLinks();
+
+  // The user-mode side: the calling thread acts in its own process.
+  NTSTATUS UserCreateFile(const std::u16string& win32Path, ACCESS_MASK access, HANDLE* handle);
+  IoResult UserDeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
+                               ULONG outLength);
+  IoResult UserRead(HANDLE handle, void* buffer, ULONG length);
+  IoResult UserWrite(HANDLE handle, const void* buffer, ULONG length);
+  IoResult UserSendMajor(HANDLE handle, UCHAR major);  // any other request, with no buffers
+  NTSTATUS UserCloseHandle(HANDLE handle);
+
+  void SendFileRequest(PFILE_OBJECT file, UCHAR major);  // cleanup and close, from the object manager
+
+ private:
+  struct RequestState {
+    bool completed = false;
+    bool dispatchReturned = false;
+  };
+  NTSTATUS ReferenceUserFile(HANDLE handle, ACCESS_MASK access, PFILE_OBJECT* file);
+  PIRP BuildUserIrp(PFILE_OBJECT file, UCHAR major);
+
+  ObjectManager* ob_ = nullptr;
+  std::mutex mutex_;
+  std::condition_variable completed_;
+  std::map<PIRP, RequestState> requests_;
+  std::vector<PDEVICE_OBJECT> shutdown_;
+  std::set<void*> driverLinks_;
+  std::vector<PDRIVER_OBJECT> drivers_;
+};
+
+const char* MajorFunctionName(UCHAR major);
+
+}  // namespace ntsim

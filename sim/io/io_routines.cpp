@@ -1,0 +1,84 @@
+// The I/O manager's driver-facing routines.
+#include "kernel.h"
+
+using namespace ntsim;
+
+namespace ntsim {
+void NoteDriverReference(void* body);
+}
+
+NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize, PUNICODE_STRING DeviceName,
+                              DEVICE_TYPE DeviceType, ULONG DeviceCharacteristics, BOOLEAN Exclusive,
+                              PDEVICE_OBJECT* DeviceObject) {
+  if (K().verifier.ShouldFail("IoCreateDevice")) return STATUS_INSUFFICIENT_RESOURCES;
+  return K().io.CreateDevice(DriverObject, DeviceExtensionSize, DeviceName, DeviceType, DeviceCharacteristics,
+                             Exclusive, DeviceObject);
+}
+
+VOID NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
+  if (!K().ob.IsObject(DeviceObject) || ObjectManager::HeaderOf(DeviceObject)->type != *IoDeviceObjectType) {
+    K().verifier.Violation("IoDeleteDevice", "not a device object");
+    return;
+  }
+  K().io.DeleteDevice(DeviceObject);
+}
+
+NTSTATUS NTAPI IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING DeviceName) {
+  if (K().verifier.ShouldFail("IoCreateSymbolicLink")) return STATUS_INSUFFICIENT_RESOURCES;
+  void* link = nullptr;
+  NTSTATUS status = K().ob.CreateSymbolicLink(ToU16(SymbolicLinkName), ToU16(DeviceName), &link);
+  if (NT_SUCCESS(status)) K().io.NoteDriverLink(link);
+  return status;
+}
+
+NTSTATUS NTAPI IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName) {
+  ObjectHeader* header = nullptr;
+  NTSTATUS status = K().ob.Lookup(ToU16(SymbolicLinkName), true, &header, nullptr);
+  if (!NT_SUCCESS(status)) return status;
+  if (header->type != &K().ob.types.symbolicLink) {
+    K().ob.Dereference(header->Body());
+    return STATUS_OBJECT_TYPE_MISMATCH;
+  }
+  K().io.ForgetDriverLink(header->Body());
+  K().ob.RemoveName(header->Body());
+  K().ob.Dereference(header->Body());
+  return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI IoRegisterShutdownNotification(PDEVICE_OBJECT DeviceObject) {
+  if (K().verifier.ShouldFail("IoRegisterShutdownNotification")) return STATUS_INSUFFICIENT_RESOURCES;
+  return K().io.RegisterShutdown(DeviceObject);
+}
+
+VOID NTAPI IoUnregisterShutdownNotification(PDEVICE_OBJECT DeviceObject) { K().io.UnregisterShutdown(DeviceObject); }
+
+VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) { K().io.CompleteRequest(Irp); }
+
+NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) { return K().io.CallDriver(DeviceObject, Irp); }
+
+PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp) {
+  return Irp->Tail.Overlay.Thread ? static_cast<_KTHREAD*>(Irp->Tail.Overlay.Thread)->process : nullptr;
+}
+
+NTSTATUS NTAPI IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK DesiredAccess,
+                                        PFILE_OBJECT* FileObject, PDEVICE_OBJECT* DeviceObject) {
+  if (K().verifier.ShouldFail("IoGetDeviceObjectPointer")) return STATUS_INSUFFICIENT_RESOURCES;
+  // As the kernel does: open the device (the create request goes to its driver), reference the
+  // file object, close the handle (cleanup goes to the driver) and hand out the file object.
+  HANDLE handle = nullptr;
+  NTSTATUS status;
+  {
+    ThreadScope kernelCall(CurrentThread(), KernelMode);
+    // The open happens in the system process's handle table so that no user process sees it.
+    status = K().io.UserCreateFile(ToU16(ObjectName), DesiredAccess, &handle);
+    if (!NT_SUCCESS(status)) return status;
+    void* file = nullptr;
+    status = K().ob.ReferenceByHandle(handle, *IoFileObjectType, KernelMode, 0, &file, nullptr);
+    K().ob.CloseHandle(handle, KernelMode);
+    if (!NT_SUCCESS(status)) return status;
+    NoteDriverReference(file);
+    *FileObject = static_cast<PFILE_OBJECT>(file);
+    *DeviceObject = static_cast<PFILE_OBJECT>(file)->DeviceObject;
+  }
+  return STATUS_SUCCESS;
+}

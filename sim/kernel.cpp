@@ -1,0 +1,53 @@
+#include "kernel.h"
+
+#include "fs/mount_manager.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
+namespace ntsim {
+
+void PublishObjectTypes(ObjectManager& ob);
+
+namespace {
+Kernel* g_kernel = nullptr;
+std::atomic<uint64_t> g_generation{0};
+}  // namespace
+
+Kernel::Kernel(const MachineConfig& machine) : config(machine), generation(++g_generation) {
+  Kernel* previous = g_kernel;
+  g_kernel = this;  // boot steps below already call kernel routines
+  PublishObjectTypes(ob);
+  ps.Boot(ob);
+  io.Boot(ob);
+  cm.Boot(ob);
+  StartMountManager(io);
+  g_kernel = previous ? previous : this;
+}
+
+Kernel::~Kernel() {
+  Kernel* previous = g_kernel;
+  g_kernel = this;
+  cm.Teardown();
+  io.Teardown();
+  ps.Teardown();
+  pool.ReleaseAll();
+  faults.ReleaseAll();
+  g_kernel = previous == this ? nullptr : previous;
+  ResetCurrentThreadBinding();
+}
+
+Kernel& K() {
+  if (!g_kernel) {
+    std::fprintf(stderr, "ntsim: a kernel routine was called with no simulated machine booted\n");
+    std::abort();
+  }
+  return *g_kernel;
+}
+
+bool KernelBooted() { return g_kernel != nullptr; }
+
+void SetKernel(Kernel* kernel) { g_kernel = kernel; }
+
+}  // namespace ntsim

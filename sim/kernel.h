@@ -1,0 +1,45 @@
+// One booted simulated machine's kernel state. The driver-facing routines reach it through K().
+#pragma once
+
+#include <cstdint>
+
+#include "cm/registry.h"
+#include "debug_output.h"
+#include "ex/pool.h"
+#include "io/io_manager.h"
+#include "mm/fault_map.h"
+#include "ob/object_manager.h"
+#include "ps/process.h"
+#include "verifier.h"
+
+namespace ntsim {
+
+struct MachineConfig {
+  int processors = 4;
+  int windowsMajor = 10;
+};
+
+struct Kernel {
+  explicit Kernel(const MachineConfig& config);
+  ~Kernel();
+  Kernel(const Kernel&) = delete;
+  Kernel& operator=(const Kernel&) = delete;
+
+  MachineConfig config;
+  uint64_t generation;
+  Verifier verifier;
+  DebugOutput debug;
+  FaultMap faults;
+  Pool pool;
+  ObjectManager ob;
+  ProcessManager ps;
+  IoManager io;
+  Registry cm;
+};
+
+// The booted kernel. Calling a kernel routine with no machine booted stops the process.
+Kernel& K();
+bool KernelBooted();
+void SetKernel(Kernel* kernel);
+
+}  // namespace ntsim

@@ -1,0 +1,47 @@
+#include "mm/fault_map.h"
+
+#include <sys/mman.h>
+
+#include <cstdlib>
+
+#include "kernel.h"
+
+namespace ntsim {
+
+FaultMap::~FaultMap() { ReleaseAll(); }
+
+void* FaultMap::ReserveFaultingRange(size_t size) {
+  size_t length = (size + PAGE_SIZE - 1) & ~size_t(PAGE_SIZE - 1);
+  if (length == 0) length = PAGE_SIZE;
+  void* p = mmap(nullptr, length, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) std::abort();
+  std::lock_guard<std::mutex> lock(mutex_);
+  ranges_[reinterpret_cast<uintptr_t>(p)] = length;
+  return p;
+}
+
+bool FaultMap::Faults(const void* address, size_t length) {
+  uintptr_t start = reinterpret_cast<uintptr_t>(address);
+  if (length == 0) return false;
+  if (start < 0x10000 || start + length < start) return true;  // the null region, or wrap-around
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = ranges_.upper_bound(start + length - 1);
+  if (it == ranges_.begin()) return false;
+  --it;
+  return it->first + it->second > start;
+}
+
+void FaultMap::ReleaseAll() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto& [start, length] : ranges_) munmap(reinterpret_cast<void*>(start), length);
+  ranges_.clear();
+}
+
+}  // namespace ntsim
+
+NTSTATUS NtSimGuardedCopy(PVOID Destination, const VOID* Source, SIZE_T Length) {
+  ntsim::FaultMap& faults = ntsim::K().faults;
+  if (faults.Faults(Source, Length) || faults.Faults(Destination, Length)) return STATUS_ACCESS_VIOLATION;
+  memmove(Destination, Source, Length);
+  return STATUS_SUCCESS;
+}

@@ -1,0 +1,65 @@
+// MmGetSystemRoutineAddress: the routines this kernel exports by name. A routine the simulator
+// does not implement is not exported, just as an older kernel lacks newer routines.
+#include <string>
+#include <unordered_map>
+
+#include "kernel.h"
+
+using namespace ntsim;
+
+namespace {
+
+#define EXPORT(name) {u## #name, reinterpret_cast<void*>(&name)}
+
+const std::unordered_map<std::u16string, void*>& Exports() {
+  static const std::unordered_map<std::u16string, void*> exports = {
+      EXPORT(DbgPrint),
+      EXPORT(ExAllocatePoolWithTag),
+      EXPORT(ExFreePoolWithTag),
+      EXPORT(ExInitializeResourceLite),
+      EXPORT(ExDeleteResourceLite),
+      EXPORT(ExAcquireResourceSharedLite),
+      EXPORT(ExAcquireResourceExclusiveLite),
+      EXPORT(ExReleaseResourceLite),
+      EXPORT(IoCreateDevice),
+      EXPORT(IoDeleteDevice),
+      EXPORT(IoCreateSymbolicLink),
+      EXPORT(IoDeleteSymbolicLink),
+      EXPORT(IoGetDeviceObjectPointer),
+      EXPORT(IofCompleteRequest),
+      EXPORT(IofCallDriver),
+      EXPORT(IoRegisterShutdownNotification),
+      EXPORT(IoUnregisterShutdownNotification),
+      EXPORT(KeInitializeEvent),
+      EXPORT(KeSetEvent),
+      EXPORT(KeWaitForSingleObject),
+      EXPORT(MmGetSystemRoutineAddress),
+      EXPORT(ObfDereferenceObject),
+      EXPORT(ObfReferenceObject),
+      EXPORT(ObQueryNameString),
+      EXPORT(ObReferenceObjectByHandle),
+      EXPORT(ObOpenObjectByPointer),
+      EXPORT(CmRegisterCallback),
+      EXPORT(CmUnRegisterCallback),
+      EXPORT(RtlInitUnicodeString),
+      EXPORT(RtlCopyUnicodeString),
+      EXPORT(RtlEqualUnicodeString),
+      EXPORT(ZwClose),
+      EXPORT(ZwOpenKey),
+      EXPORT(ZwQueryValueKey),
+      EXPORT(ZwSetSecurityObject),
+  };
+  return exports;
+}
+
+#undef EXPORT
+
+}  // namespace
+
+PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName) {
+  if (KeGetCurrentIrql() != PASSIVE_LEVEL) {
+    K().verifier.Violation("MmGetSystemRoutineAddress", "called above PASSIVE_LEVEL");
+  }
+  auto it = Exports().find(ToU16(SystemRoutineName));
+  return it == Exports().end() ? nullptr : it->second;
+}

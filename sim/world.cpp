@@ -1,0 +1,310 @@
+#include "world.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+
+namespace ntsim {
+
+#ifndef NTSIM_DEFAULT_DRIVER_IMAGE
+#define NTSIM_DEFAULT_DRIVER_IMAGE ""
+#endif
+
+namespace {
+
+constexpr NTSTATUS kStatusImageAlreadyLoaded = (NTSTATUS)0xC000010EL;
+constexpr NTSTATUS kStatusInvalidImageFormat = (NTSTATUS)0xC000007BL;
+
+std::string Hex(uint64_t value, int digits = 8) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%0*llx", digits, static_cast<unsigned long long>(value));
+  return text;
+}
+
+}  // namespace
+
+std::string Verdict::Report() const {
+  if (findings.empty()) return "clean: nothing left behind\n";
+  std::string text;
+  for (const Finding& f : findings) text += f.call + ": " + f.what + "\n";
+  return text;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+UserProcess::UserProcess(World& world, _KPROCESS* process, _KTHREAD* thread)
+    : world_(world), process_(process), thread_(thread) {}
+
+uint64_t UserProcess::Id() const { return process_->id; }
+
+NTSTATUS UserProcess::CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle) {
+  ThreadScope scope(thread_, UserMode);
+  return world_.kernel().io.UserCreateFile(path, access, handle);
+}
+
+IoResult UserProcess::DeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
+                                      ULONG outLength) {
+  ThreadScope scope(thread_, UserMode);
+  return world_.kernel().io.UserDeviceIoControl(handle, code, in, inLength, out, outLength);
+}
+
+IoResult UserProcess::ReadFile(HANDLE handle, void* buffer, ULONG length) {
+  ThreadScope scope(thread_, UserMode);
+  return world_.kernel().io.UserRead(handle, buffer, length);
+}
+
+IoResult UserProcess::WriteFile(HANDLE handle, const void* buffer, ULONG length) {
+  ThreadScope scope(thread_, UserMode);
+  return world_.kernel().io.UserWrite(handle, buffer, length);
+}
+
+IoResult UserProcess::SendRequest(HANDLE handle, UCHAR majorFunction) {
+  ThreadScope scope(thread_, UserMode);
+  return world_.kernel().io.UserSendMajor(handle, majorFunction);
+}
+
+NTSTATUS UserProcess::CloseHandle(HANDLE handle) {
+  ThreadScope scope(thread_, UserMode);
+  return world_.kernel().io.UserCloseHandle(handle);
+}
+
+NTSTATUS UserProcess::SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type,
+                                       const void* data, ULONG size) {
+  ThreadScope scope(thread_, UserMode);
+  Registry& cm = world_.kernel().cm;
+  if (!cm.Find(keyPath)) cm.CreatePath(keyPath);  // RegCreateKeyEx, level by level
+  UNICODE_STRING path{static_cast<USHORT>(keyPath.size() * 2), static_cast<USHORT>(keyPath.size() * 2),
+                      reinterpret_cast<PWSTR>(const_cast<char16_t*>(keyPath.data()))};
+  OBJECT_ATTRIBUTES attributes;
+  InitializeObjectAttributes(&attributes, &path, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+  HANDLE key = nullptr;
+  NTSTATUS status = cm.OpenKey(&attributes, KEY_SET_VALUE, true, false, &key, nullptr);
+  if (!NT_SUCCESS(status)) return status;
+  UNICODE_STRING valueName{static_cast<USHORT>(name.size() * 2), static_cast<USHORT>(name.size() * 2),
+                           reinterpret_cast<PWSTR>(const_cast<char16_t*>(name.data()))};
+  status = cm.SetValue(key, &valueName, type, data, size);
+  world_.kernel().ob.CloseHandle(key, UserMode);
+  return status;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+World::World() : World(Options()) {}
+
+World::World(Options options) : options_(std::move(options)) {
+  if (options_.driverImage.empty()) {
+    const char* env = std::getenv("SENTREL_DRIVER_IMAGE");
+    options_.driverImage = env ? env : NTSIM_DEFAULT_DRIVER_IMAGE;
+  }
+  Boot();
+}
+
+World::~World() {
+  PowerOff();
+  CloseImage();
+}
+
+const char16_t* World::ServiceKeyPath() { return u"\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001\\Services\\Sentrel"; }
+
+void World::Boot() {
+  kernel_ = std::make_unique<Kernel>(options_.machine);
+  SetKernel(kernel_.get());
+  kernel_->debug.SetEcho(options_.echoDebugOutput);
+  if (hives_) {
+    kernel_->cm.AdoptHives(hives_);
+  } else {
+    hives_ = kernel_->cm.Hives();
+    Registry& cm = kernel_->cm;
+    KeyNode* service = cm.CreatePath(ServiceKeyPath());
+    ULONG one = 1, demand = 3, normal = 1;
+    cm.SetValueDirect(service, u"Type", REG_DWORD, &one, 4);
+    cm.SetValueDirect(service, u"Start", REG_DWORD, &demand, 4);
+    cm.SetValueDirect(service, u"ErrorControl", REG_DWORD, &normal, 4);
+    std::u16string image = u"\\SystemRoot\\System32\\drivers\\Sentrel.sys";
+    cm.SetValueDirect(service, u"ImagePath", REG_EXPAND_SZ, image.c_str(), (image.size() + 1) * 2);
+    cm.MakeLink(u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet", u"\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001");
+    cm.CreatePath(u"\\REGISTRY\\MACHINE\\SOFTWARE");
+    cm.CreatePath(u"\\REGISTRY\\USER");
+  }
+  systemThread_ = kernel_->ps.CreateThread(kernel_->ps.System());
+}
+
+void World::PowerOff() {
+  processes_.clear();
+  driver_ = nullptr;
+  systemThread_ = nullptr;
+  kernel_.reset();
+  SetKernel(nullptr);
+}
+
+void World::CloseImage() {
+  if (image_) dlclose(image_);
+  image_ = nullptr;
+}
+
+NTSTATUS World::LoadDriver() {
+  if (driver_) return kStatusImageAlreadyLoaded;
+  lastVerdict_ = Verdict();
+  // A fresh mapping of the image each time: its globals start as the file has them.
+  image_ = dlopen(options_.driverImage.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!image_) {
+    std::fprintf(stderr, "ntsim: cannot map driver image '%s': %s\n", options_.driverImage.c_str(), dlerror());
+    return kStatusInvalidImageFormat;
+  }
+  auto entry = reinterpret_cast<PDRIVER_INITIALIZE>(dlsym(image_, "DriverEntry"));
+  if (!entry) {
+    CloseImage();
+    return kStatusInvalidImageFormat;
+  }
+  PDRIVER_OBJECT driver = kernel_->io.CreateDriverObject(u"\\Driver\\Sentrel", entry);
+  Dl_info info;
+  if (dladdr(reinterpret_cast<void*>(entry), &info)) driver->DriverStart = info.dli_fbase;
+  // The I/O manager frees the registry path once the entry routine returns; a driver must copy it.
+  std::u16string pathText = ServiceKeyPath();
+  std::vector<char16_t> pathBuffer(pathText.begin(), pathText.end());
+  UNICODE_STRING registryPath{static_cast<USHORT>(pathText.size() * 2), static_cast<USHORT>(pathText.size() * 2),
+                              reinterpret_cast<PWSTR>(pathBuffer.data())};
+  NTSTATUS status = AsSystem([&] { return entry(driver, &registryPath); });
+  std::fill(pathBuffer.begin(), pathBuffer.end(), u'\xFFFF');
+  if (!NT_SUCCESS(status)) {
+    driver_ = driver;
+    lastVerdict_ = CheckDriverLeftovers("DriverEntry");
+    return status;
+  }
+  driver_ = driver;
+  return status;
+}
+
+Verdict World::UnloadDriver() {
+  if (!driver_) return Verdict{{{"UnloadDriver", "no driver is loaded"}}};
+  if (!driver_->DriverUnload) return Verdict{{{"UnloadDriver", "the driver has no unload routine"}}};
+  for (PDEVICE_OBJECT device = driver_->DeviceObject; device; device = device->NextDevice) {
+    if (device->ReferenceCount > 0) {
+      return Verdict{{{"UnloadDriver", "a device of the driver is still open: the unload waits for its handles"}}};
+    }
+  }
+  PDRIVER_OBJECT driver = driver_;
+  AsSystem([&] { driver->DriverUnload(driver); });
+  lastVerdict_ = CheckDriverLeftovers("DriverUnload");
+  return lastVerdict_;
+}
+
+Verdict World::CheckDriverLeftovers(const char* when) {
+  Verdict verdict;
+  Kernel& k = *kernel_;
+  std::map<ULONG, std::pair<size_t, size_t>> byTag;
+  for (const PoolBlock& block : k.pool.Outstanding()) {
+    byTag[block.tag].first += 1;
+    byTag[block.tag].second += block.size;
+  }
+  for (auto& [tag, count] : byTag) {
+    verdict.findings.push_back({when, "pool not freed: " + std::to_string(count.first) + " block(s), " +
+                                          std::to_string(count.second) + " bytes of tag '" + TagText(tag) + "'"});
+  }
+  for (ObjectHeader* header : k.ob.LiveObjects()) {
+    long held = header->driverReferences.load();
+    if (held > 0) {
+      verdict.findings.push_back({when, std::to_string(held) + " reference(s) to " + ToUtf8(header->type->name) +
+                                            " object " + ToUtf8(k.ob.FullName(header)) + " still held"});
+    }
+  }
+  for (auto& [handle, entry] : k.ob.KernelHandles().Entries()) {
+    if (entry.driverOwned) {
+      verdict.findings.push_back({when, "kernel handle " + Hex(reinterpret_cast<uint64_t>(handle), 16) + " to " +
+                                            ToUtf8(entry.object->type->name) + " object not closed"});
+    }
+  }
+  for (auto& [handle, entry] : k.ps.System()->handles.Entries()) {
+    if (entry.driverOwned) {
+      verdict.findings.push_back({when, "handle in the system process to " + ToUtf8(entry.object->type->name) +
+                                            " object not closed"});
+    }
+  }
+  bool dangling = false;
+  if (size_t n = k.cm.CallbackCount()) {
+    verdict.findings.push_back({when, std::to_string(n) + " registry callback(s) still registered"});
+    dangling = true;
+  }
+  for (PDEVICE_OBJECT device : k.io.ShutdownDevices()) {
+    if (device->DriverObject == driver_) {
+      verdict.findings.push_back({when, "shutdown notification still registered"});
+      dangling = true;
+    }
+  }
+  for (PDEVICE_OBJECT device = driver_->DeviceObject; device; device = device->NextDevice) {
+    verdict.findings.push_back({when, "device " + ToUtf8(k.ob.FullName(ObjectManager::HeaderOf(device))) +
+                                          " not deleted"});
+    dangling = true;
+  }
+  for (const std::u16string& link : k.io.DriverLinks()) {
+    verdict.findings.push_back({when, "symbolic link " + ToUtf8(link) + " not deleted"});
+  }
+  if (size_t n = k.io.OutstandingRequests()) {
+    verdict.findings.push_back({when, std::to_string(n) + " request(s) never completed"});
+    dangling = true;
+  }
+  for (const Finding& violation : k.verifier.Violations()) verdict.findings.push_back(violation);
+  if (dangling) {
+    // The kernel would still call into the image: a bug check on a real machine.
+    k.verifier.Violation(when, "driver unloaded without cancelling pending operations:\n" + verdict.Report());
+  } else {
+    k.io.DeleteDriverObject(driver_);
+    CloseImage();
+  }
+  driver_ = nullptr;
+  return verdict;
+}
+
+void World::Shutdown() {
+  AsSystem([&] {
+    for (PDEVICE_OBJECT device : kernel_->io.ShutdownDevices()) {
+      PIRP irp = kernel_->io.AllocateIrp(device->StackSize);
+      IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_SHUTDOWN;
+      kernel_->io.SendAndWait(device, irp);
+      kernel_->io.FreeIrp(irp);
+    }
+  });
+}
+
+void World::Reboot() {
+  Shutdown();
+  PowerOff();
+  CloseImage();
+  Boot();
+}
+
+void World::Crash() {
+  PowerOff();
+  CloseImage();
+  Boot();
+}
+
+UserProcess& World::StartProcess(const std::u16string& imageName) {
+  _KPROCESS* process = kernel_->ps.CreateProcess(0, imageName, 4);
+  _KTHREAD* thread = kernel_->ps.CreateThread(process);
+  processes_.push_back(std::make_unique<UserProcess>(*this, process, thread));
+  return *processes_.back();
+}
+
+void World::SetRegistryValueDirect(const std::u16string& keyPath, const std::u16string& name, ULONG type,
+                                   const void* data, size_t size) {
+  kernel_->cm.SetValueDirect(kernel_->cm.CreatePath(keyPath), name, type, data, size);
+}
+
+void World::SetRegistryDwordDirect(const std::u16string& keyPath, const std::u16string& name, ULONG value) {
+  SetRegistryValueDirect(keyPath, name, REG_DWORD, &value, sizeof value);
+}
+
+NTSTATUS World::SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type,
+                                 const void* data, ULONG size) {
+  if (processes_.empty()) StartProcess(u"regedit.exe");
+  return processes_.front()->SetRegistryValue(keyPath, name, type, data, size);
+}
+
+NTSTATUS World::SetRegistryDword(const std::u16string& keyPath, const std::u16string& name, ULONG value) {
+  return SetRegistryValue(keyPath, name, REG_DWORD, &value, sizeof value);
+}
+
+}  // namespace ntsim

@@ -6,6 +6,7 @@
 #include "cm/registry.h"
 #include "debug_output.h"
 #include "ex/pool.h"
+#include "internal_arena.h"
 #include "io/io_manager.h"
 #include "mm/fault_map.h"
 #include "ob/object_manager.h"
@@ -30,6 +31,7 @@ struct Kernel {
   Verifier verifier;
   DebugOutput debug;
   FaultMap faults;
+  InternalArena arena;
   Pool pool;
   ObjectManager ob;
   ProcessManager ps;

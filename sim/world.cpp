@@ -222,6 +222,9 @@ Verdict World::CheckDriverLeftovers(const char* when) {
                                             " object not closed"});
     }
   }
+  for (auto& [kind, count] : k.arena.Live()) {
+    verdict.findings.push_back({when, std::to_string(count) + " " + kind + "(s) never deleted"});
+  }
   bool dangling = false;
   if (size_t n = k.cm.CallbackCount()) {
     verdict.findings.push_back({when, std::to_string(n) + " registry callback(s) still registered"});

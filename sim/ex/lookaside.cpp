@@ -18,7 +18,7 @@ struct LookasideImpl {
 void Initialize(GENERAL_LOOKASIDE_SIM* l, POOL_TYPE type, PALLOCATE_FUNCTION allocate, PFREE_FUNCTION free,
                 SIZE_T size, ULONG tag, USHORT depth) {
   std::memset(l, 0, sizeof *l);
-  l->Impl = new LookasideImpl();
+  l->Impl = K().arena.New<LookasideImpl>("lookaside list");
   l->Type = type;
   l->Tag = tag;
   l->Size = static_cast<ULONG>(size);
@@ -72,7 +72,7 @@ void Delete(GENERAL_LOOKASIDE_SIM* l, const char* call) {
   LookasideImpl* impl = ImplOf(l, call);
   if (!impl) return;
   for (void* entry : impl->cached) FreeEntry(l, entry);
-  delete impl;
+  K().arena.Delete(impl);
   l->Impl = nullptr;
 }
 

@@ -28,7 +28,7 @@ void CheckCriticalRegion(const char* call) {
 
 NTSTATUS NTAPI ExInitializeResourceLite(PERESOURCE Resource) {
   std::memset(Resource, 0, sizeof *Resource);
-  Resource->Impl = new ResourceImpl();
+  Resource->Impl = K().arena.New<ResourceImpl>("executive resource");
   return STATUS_SUCCESS;
 }
 
@@ -41,7 +41,7 @@ NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource) {
       K().verifier.Violation("ExDeleteResourceLite", "deleting an executive resource that is still owned");
     }
   }
-  delete impl;
+  K().arena.Delete(impl);
   Resource->Impl = nullptr;
   return STATUS_SUCCESS;
 }

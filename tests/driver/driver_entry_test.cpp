@@ -1,1 +1,278 @@
+// The whole driver on a simulated machine: load and unload, the device and its link, requests,
+// shutdown, crashes, failures at every allocation of the load, and the start-up of SentrelData.
 #include <gtest/gtest.h>
+
+#include "core/debug_log.h"
+#include "core/sentrel_data.h"
+#include "test_support.h"
+
+using namespace sentrel_test;
+using ntsim::IoResult;
+using ntsim::ObjectHeader;
+using ntsim::ObjectManager;
+using ntsim::UserProcess;
+using ntsim::World;
+
+namespace {
+
+bool NameExists(World& world, const std::u16string& path, bool openLink = false) {
+  ObjectHeader* header = nullptr;
+  if (!NT_SUCCESS(world.kernel().ob.Lookup(path, openLink, &header, nullptr))) return false;
+  world.kernel().ob.Dereference(header->Body());
+  return true;
+}
+
+PDEVICE_OBJECT SentrelDevice(World& world) {
+  ObjectHeader* header = nullptr;
+  if (!NT_SUCCESS(world.kernel().ob.Lookup(u"\\Sentrel", false, &header, nullptr))) return nullptr;
+  world.kernel().ob.Dereference(header->Body());
+  return static_cast<PDEVICE_OBJECT>(header->Body());
+}
+
+TEST(DriverEntryTest, LoadsAndUnloadsRepeatedlyLeavingNothingBehind) {
+  World world;
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS) << "load " << i;
+    ntsim::Verdict verdict = world.UnloadDriver();
+    ASSERT_TRUE(verdict.Clean()) << "unload " << i << ": " << verdict.Report();
+  }
+  EXPECT_FALSE(NameExists(world, u"\\Sentrel"));
+  EXPECT_FALSE(NameExists(world, u"\\??\\Sentrel", true));
+  EXPECT_TRUE(world.kernel().io.ShutdownDevices().empty());
+  EXPECT_TRUE(world.verifier().Violations().empty());
+}
+
+TEST(DriverEntryTest, EveryFailedAllocationOfTheLoadFailsItCleanly) {
+  World world;
+  uint64_t n = 1;
+  for (;; ++n) {
+    ASSERT_LT(n, 200u) << "the load never stopped allocating";
+    world.verifier().FailNth(n);
+    NTSTATUS status = world.LoadDriver();
+    if (!world.verifier().InjectedFailure()) {
+      ASSERT_EQ(status, STATUS_SUCCESS);
+      break;
+    }
+    if (NT_SUCCESS(status)) {
+      // A failure the driver may go on without (the Debug key, the levels): the load stands.
+      ASSERT_TRUE(world.UnloadDriver().Clean()) << "allocation point " << n;
+      continue;
+    }
+    EXPECT_TRUE(world.LastVerdict().Clean()) << "allocation point " << n << ": " << world.LastVerdict().Report();
+    EXPECT_FALSE(world.DriverLoaded());
+    EXPECT_FALSE(NameExists(world, u"\\Sentrel")) << n;
+    EXPECT_FALSE(NameExists(world, u"\\??\\Sentrel", true)) << n;
+    EXPECT_EQ(world.kernel().cm.CallbackCount(), 0u) << n;
+    EXPECT_TRUE(world.kernel().io.ShutdownDevices().empty()) << n;
+  }
+  world.verifier().FailNth(0);
+  EXPECT_GT(n, 5u);  // the load has several allocation points, and each was made to fail
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+}
+
+TEST(DriverEntryTest, DeviceLinkAndSecurityAreInPlaceAfterLoad) {
+  World world;
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  PDEVICE_OBJECT device = SentrelDevice(world);
+  ASSERT_NE(device, nullptr);
+  EXPECT_EQ(device->DeviceType, static_cast<DEVICE_TYPE>(FILE_DEVICE_UNKNOWN));
+  EXPECT_TRUE(device->Flags & DO_DIRECT_IO);
+  EXPECT_FALSE(device->Flags & DO_DEVICE_INITIALIZING);
+  auto* extension = static_cast<PSK_DEVICE_EXTENSION>(device->DeviceExtension);
+  EXPECT_EQ(extension->Tag, 0xFCF1);
+  EXPECT_EQ(extension->Size, sizeof(SK_DEVICE_EXTENSION));
+  EXPECT_TRUE(IsListEmpty(&extension->PendingReadList));
+
+  // The link resolves, through \DosDevices, to the device.
+  ObjectHeader* link = nullptr;
+  ASSERT_EQ(world.kernel().ob.Lookup(u"\\DosDevices\\Sentrel", false, &link, nullptr), STATUS_SUCCESS);
+  EXPECT_EQ(link->Body(), device);
+  world.kernel().ob.Dereference(link->Body());
+
+  const ntsim::SecurityRecord& security = ObjectManager::HeaderOf(device)->security;
+  EXPECT_TRUE(security.daclPresent);
+  EXPECT_TRUE(security.daclProtected);
+  ASSERT_EQ(security.dacl.size(), 4u);
+  const ACCESS_MASK rwx = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE;
+  EXPECT_EQ(security.dacl[0].sid, "S-1-5-18");
+  EXPECT_EQ(security.dacl[0].mask, static_cast<ACCESS_MASK>(GENERIC_ALL));
+  EXPECT_EQ(security.dacl[1].sid, "S-1-5-32-544");
+  EXPECT_EQ(security.dacl[1].mask, rwx);
+  EXPECT_EQ(security.dacl[2].sid, "S-1-1-0");
+  EXPECT_EQ(security.dacl[2].mask, rwx);
+  EXPECT_EQ(security.dacl[3].sid, "S-1-5-12");
+  EXPECT_EQ(security.dacl[3].mask, rwx);
+
+  auto shutdown = world.kernel().io.ShutdownDevices();
+  EXPECT_EQ(shutdown.size(), 1u);
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+}
+
+TEST(DriverEntryTest, CreateAndCloseSucceedAndEveryOtherRequestIsInvalid) {
+  World world;
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  UserProcess& agent = world.StartProcess(u"agent.exe");
+  HANDLE device = nullptr;
+  ASSERT_EQ(agent.CreateFile(u"\\\\.\\Sentrel", GENERIC_READ | GENERIC_WRITE, &device), STATUS_SUCCESS);
+
+  char buffer[64] = {};
+  IoResult read = agent.ReadFile(device, buffer, sizeof buffer);
+  EXPECT_EQ(read.status, STATUS_INVALID_DEVICE_REQUEST);
+  EXPECT_EQ(read.information, 0u);
+  EXPECT_EQ(agent.WriteFile(device, buffer, sizeof buffer).status, STATUS_INVALID_DEVICE_REQUEST);
+  ULONG code = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS);
+  EXPECT_EQ(agent.DeviceIoControl(device, code, buffer, 8, buffer, 8).status, STATUS_INVALID_DEVICE_REQUEST);
+  for (UCHAR major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; ++major) {
+    if (major == IRP_MJ_CREATE || major == IRP_MJ_CLOSE || major == IRP_MJ_SHUTDOWN) continue;
+    IoResult result = agent.SendRequest(device, major);
+    EXPECT_EQ(result.status, STATUS_INVALID_DEVICE_REQUEST) << ntsim::MajorFunctionName(major);
+    EXPECT_EQ(result.information, 0u);
+  }
+  EXPECT_EQ(agent.CloseHandle(device), STATUS_SUCCESS);
+
+  // Nothing was allocated per open: open and close many times, and the unload is clean.
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(agent.CreateFile(u"\\\\.\\Sentrel", GENERIC_READ, &device), STATUS_SUCCESS);
+    ASSERT_EQ(agent.CloseHandle(device), STATUS_SUCCESS);
+  }
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+  EXPECT_EQ(agent.CreateFile(u"\\\\.\\Sentrel", GENERIC_READ, &device), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+TEST(DriverEntryTest, UnloadWaitsForOpenHandles) {
+  World world;
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  UserProcess& agent = world.StartProcess(u"agent.exe");
+  HANDLE device = nullptr;
+  ASSERT_EQ(agent.CreateFile(u"\\\\.\\Sentrel", GENERIC_READ, &device), STATUS_SUCCESS);
+  EXPECT_FALSE(world.UnloadDriver().Clean());
+  EXPECT_TRUE(world.DriverLoaded());
+  EXPECT_EQ(agent.CloseHandle(device), STATUS_SUCCESS);
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+}
+
+TEST(DriverEntryTest, ShutdownAndUnloadInEitherOrderStopCleanly) {
+  World world;
+  world.SetRegistryDwordDirect(DebugKey(), u"PrintLevel", SK_LEVEL_INFO);
+  world.SetRegistryDwordDirect(DebugKey(), u"TraceLevel", SK_TRACE_CORE);
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  world.Shutdown();
+  EXPECT_TRUE(HasMessage(world, "sk_DispatchShutdown Entry"));
+  EXPECT_TRUE(HasMessage(world, "sk_DispatchShutdown -> 00000000"));
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+  world.debug().Clear();
+  world.Shutdown();  // the unloaded driver is no longer told
+  EXPECT_TRUE(world.debug().Lines().empty());
+}
+
+TEST(DriverEntryTest, LoadsAgainAfterACrashAndAfterAReboot) {
+  World world;
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  world.Crash();
+  EXPECT_FALSE(world.DriverLoaded());
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);  // a fresh image: its context starts empty
+  world.Reboot();
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+}
+
+TEST(DriverEntryTest, LogShowsTheLoadAndFollowsTheRegistryWhileRunning) {
+  World world;
+  world.SetRegistryDwordDirect(DebugKey(), u"PrintLevel", SK_LEVEL_ERROR | SK_LEVEL_INFO);
+  world.SetRegistryDwordDirect(DebugKey(), u"TraceLevel", SK_TRACE_CORE);
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  std::vector<std::string> expected = {
+      " Sentrel DriverEntry Entry",
+      " sk_InitSentrelData Entry",
+      "  sk_PsSetCreateProcessNotifyRoutine fail Status:c000009a",
+      " sk_InitSentrelData -> 00000000",
+      " Sentrel DriverEntry Leave -> 00000000",
+  };
+  EXPECT_EQ(Messages(world), expected);
+
+  // Silence the log while running, then bring it back: each write takes effect at once.
+  world.debug().Clear();
+  EXPECT_EQ(world.SetRegistryDword(DebugKey(), u"PrintLevel", 0), STATUS_SUCCESS);
+  world.Shutdown();
+  EXPECT_TRUE(world.debug().Lines().empty());
+  EXPECT_EQ(world.SetRegistryDword(DebugKey(), u"PrintLevel", SK_LEVEL_INFO), STATUS_SUCCESS);
+  world.Shutdown();
+  EXPECT_TRUE(HasMessage(world, "sk_DispatchShutdown Entry"));
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+}
+
+// SentrelData's start-up and shut-down, called directly.
+class SentrelDataTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SkDriverObject = world.kernel().io.CreateDriverObject(u"\\Driver\\SentrelDataTest", nullptr);
+    PrintLevel = SK_LEVEL_ERROR;
+    TraceLevel = SK_TRACE_CORE;
+  }
+  void TearDown() override {
+    PrintLevel = TraceLevel = 0;
+    SkDriverObject = nullptr;
+  }
+  static bool AllZero(const SENTREL_DATA& data) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&data);
+    for (size_t i = 0; i < sizeof data; ++i) {
+      if (bytes[i]) return false;
+    }
+    return true;
+  }
+  World world;
+};
+
+TEST_F(SentrelDataTest, StartsOnceAndStopsOnce) {
+  ASSERT_EQ(world.AsSystem(sk_InitSentrelData), STATUS_SUCCESS);
+  EXPECT_EQ(SentrelData.Tag, 0xFCF0);
+  EXPECT_EQ(SentrelData.Size, sizeof(SENTREL_DATA));
+  EXPECT_EQ(SentrelData.EventMask, ~0ull);
+  EXPECT_EQ(SentrelData.DriverObject, SkDriverObject);
+  EXPECT_NE(SentrelData.MountMgrFileObject, nullptr);
+  EXPECT_EQ(Text(SentrelData.SystemRootPath), u"\\SystemRoot");
+
+  EXPECT_EQ(world.AsSystem(sk_InitSentrelData), STATUS_INVALID_PARAMETER);
+  EXPECT_TRUE(HasMessage(world, "sk_InitSentrelData Inited"));
+
+  ASSERT_EQ(world.AsSystem(sk_UninitSentrelData), STATUS_SUCCESS);
+  EXPECT_TRUE(AllZero(SentrelData));
+  EXPECT_TRUE(world.kernel().pool.Outstanding().empty());
+  EXPECT_EQ(world.AsSystem(sk_UninitSentrelData), STATUS_INVALID_PARAMETER);
+  EXPECT_TRUE(HasMessage(world, "sk_UninitSentrelData Uninited"));
+}
+
+TEST_F(SentrelDataTest, EachFailingStepUndoesEverythingBeforeIt) {
+  const char* failures[] = {"IoGetDeviceObjectPointer fail Status:c000009a", "SentrelData.SystemRootPath alloc fail"};
+  for (uint64_t n = 1; n <= 2; ++n) {
+    world.verifier().FailNth(n);
+    EXPECT_EQ(world.AsSystem(sk_InitSentrelData), STATUS_INSUFFICIENT_RESOURCES) << n;
+    EXPECT_TRUE(HasMessage(world, failures[n - 1])) << n;
+    EXPECT_TRUE(AllZero(SentrelData)) << n;
+    EXPECT_TRUE(world.kernel().pool.Outstanding().empty()) << n;
+    for (ObjectHeader* header : world.kernel().ob.LiveObjects()) EXPECT_EQ(header->driverReferences.load(), 0) << n;
+  }
+  world.verifier().FailNth(0);
+}
+
+TEST_F(SentrelDataTest, MissingOptionalRoutinesGetTheirFallbacks) {
+  SENTREL_DATA data = {};
+  world.AsSystem([&] {
+    sk_ResolveOptionalRoutines(&data);
+    return 0;
+  });
+  // This kernel exports none of the four, and its image is not searched by address.
+  EXPECT_EQ(data.KernelImageBase, 0u);
+  PEPROCESS process = world.kernel().ps.System();
+  EXPECT_EQ(data.PsAcquireProcessExitSynchronization(process), STATUS_SUCCESS);
+  data.PsReleaseProcessExitSynchronization(process);
+  PFILE_OBJECT file = nullptr;
+  EXPECT_EQ(data.PsReferenceProcessFilePointer(process, &file), STATUS_NOT_IMPLEMENTED);
+  PUNICODE_STRING name = nullptr;
+  EXPECT_EQ(data.SeLocateProcessImageName(process, &name), STATUS_NOT_IMPLEMENTED);
+}
+
+}  // namespace

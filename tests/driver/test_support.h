@@ -1,0 +1,45 @@
+// Small helpers shared by the driver's tests.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "world.h"
+
+namespace sentrel_test {
+
+// A counted string over a u16string that outlives it.
+inline UNICODE_STRING Counted(const std::u16string& text) {
+  UNICODE_STRING s;
+  s.Length = static_cast<USHORT>(text.size() * sizeof(WCHAR));
+  s.MaximumLength = s.Length;
+  s.Buffer = reinterpret_cast<PWSTR>(const_cast<char16_t*>(text.data()));
+  return s;
+}
+
+inline std::u16string Text(const UNICODE_STRING* s) {
+  return std::u16string(reinterpret_cast<const char16_t*>(s->Buffer), s->Length / sizeof(WCHAR));
+}
+
+inline std::u16string DebugKey() { return std::u16string(ntsim::World::ServiceKeyPath()) + u"\\Debug"; }
+
+// The debugger lines without their "[SK][...][T:0x...] " prefix, indentation kept.
+inline std::vector<std::string> Messages(ntsim::World& world) {
+  std::vector<std::string> out;
+  for (const std::string& line : world.debug().Lines()) {
+    size_t end = line.find("] ", line.find("[T:0x"));
+    out.push_back(end == std::string::npos ? line : line.substr(end + 2));
+  }
+  return out;
+}
+
+inline bool HasMessage(ntsim::World& world, const std::string& text) {
+  for (const std::string& m : Messages(world)) {
+    size_t first = m.find_first_not_of(' ');
+    if (first != std::string::npos && m.substr(first) == text) return true;
+  }
+  return false;
+}
+
+}  // namespace sentrel_test

@@ -15,21 +15,6 @@ bool QueryKeyName(void* body, std::u16string* name) {
   return true;
 }
 
-std::vector<std::u16string> Split(const std::u16string& path) {
-  std::vector<std::u16string> parts;
-  std::u16string current;
-  for (char16_t c : path) {
-    if (c == u'\\') {
-      if (!current.empty()) parts.push_back(current);
-      current.clear();
-    } else {
-      current.push_back(c);
-    }
-  }
-  if (!current.empty()) parts.push_back(current);
-  return parts;
-}
-
 template <typename T>
 void Put(std::vector<uint8_t>& out, size_t offset, T value) {
   std::memcpy(out.data() + offset, &value, sizeof value);
@@ -60,7 +45,7 @@ void Registry::AdoptHives(std::shared_ptr<KeyNode> root) {
 
 KeyNode* Registry::Walk(const std::u16string& path, bool create) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
-  std::vector<std::u16string> parts = Split(path);
+  std::vector<std::u16string> parts = SplitPath(path);
   for (int reparse = 0; reparse < 16; ++reparse) {
     if (parts.empty() || Upcase(parts[0]) != u"REGISTRY") return nullptr;
     KeyNode* node = root_.get();
@@ -76,7 +61,7 @@ KeyNode* Registry::Walk(const std::u16string& path, bool create) {
       }
       node = it->second.get();
       if (!node->linkTarget.empty()) {
-        std::vector<std::u16string> rebuilt = Split(node->linkTarget);
+        std::vector<std::u16string> rebuilt = SplitPath(node->linkTarget);
         rebuilt.insert(rebuilt.end(), parts.begin() + i + 1, parts.end());
         parts = rebuilt;
         restarted = true;

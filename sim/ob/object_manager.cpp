@@ -14,70 +14,9 @@ constexpr size_t kHeaderSpace = (sizeof(ObjectHeader) + 15) & ~size_t(15);
 void DestroyDirectory(void* body) { static_cast<DirectoryBody*>(body)->~DirectoryBody(); }
 void DestroySymbolicLink(void* body) { static_cast<SymbolicLinkBody*>(body)->~SymbolicLinkBody(); }
 
-std::vector<std::u16string> SplitPath(const std::u16string& path) {
-  std::vector<std::u16string> parts;
-  std::u16string current;
-  for (char16_t c : path) {
-    if (c == u'\\') {
-      if (!current.empty()) parts.push_back(current);
-      current.clear();
-    } else {
-      current.push_back(c);
-    }
-  }
-  if (!current.empty()) parts.push_back(current);
-  return parts;
-}
-
 }  // namespace
 
 void* ObjectHeader::Body() { return reinterpret_cast<char*>(this) + kHeaderSpace; }
-
-std::u16string Upcase(const std::u16string& s) {
-  std::u16string out(s);
-  for (auto& c : out) c = RtlUpcaseUnicodeChar(c);
-  return out;
-}
-
-std::u16string ToU16(const UNICODE_STRING* s) {
-  if (!s || !s->Buffer) return std::u16string();
-  return std::u16string(reinterpret_cast<const char16_t*>(s->Buffer), s->Length / sizeof(WCHAR));
-}
-
-std::u16string ToU16(const char* ascii) {
-  std::u16string out;
-  for (; *ascii; ++ascii) out.push_back(static_cast<unsigned char>(*ascii));
-  return out;
-}
-
-std::string ToUtf8(const std::u16string& s) {
-  std::string out;
-  for (size_t i = 0; i < s.size(); ++i) {
-    uint32_t c = s[i];
-    if (c >= 0xD800 && c < 0xDC00 && i + 1 < s.size() && s[i + 1] >= 0xDC00 && s[i + 1] < 0xE000) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (s[i + 1] - 0xDC00);
-      ++i;
-    } else if (c >= 0xD800 && c < 0xE000) {
-      c = 0xFFFD;
-    }
-    if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-  }
-  return out;
-}
 
 // ---------------------------------------------------------------------------------------------
 // Handle tables. Handles are multiples of 4; kernel handles carry the kernel bit pattern of a

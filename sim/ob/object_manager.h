@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ntsim/ntsim.h"
+#include "rtl/name_text.h"
 
 struct _OBJECT_TYPE {
   std::u16string name;
@@ -140,10 +141,5 @@ class ObjectManager {
   ObjectHeader* root_ = nullptr;
   HandleTable kernelHandles_{true};
 };
-
-std::u16string Upcase(const std::u16string& s);
-std::u16string ToU16(const UNICODE_STRING* s);
-std::u16string ToU16(const char* ascii);
-std::string ToUtf8(const std::u16string& s);
 
 }  // namespace ntsim

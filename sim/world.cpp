@@ -128,7 +128,75 @@ void World::Boot() {
     cm.CreatePath(u"\\REGISTRY\\MACHINE\\SOFTWARE");
     cm.CreatePath(u"\\REGISTRY\\USER");
   }
+  if (!files_) {
+    files_ = std::make_shared<FileStore>();
+    Volume& system = files_->AddVolume(u"\\Device\\HarddiskVolume3");
+    for (const char16_t* dir : {u"\\Windows", u"\\Windows\\System32", u"\\Windows\\System32\\drivers"}) {
+      FileNode node;
+      node.path = dir;
+      node.directory = true;
+      system.files[Upcase(dir)] = node;
+    }
+  }
+  StartFileSystem(kernel_->io, files_);
+  kernel_->ob.CreateSymbolicLink(u"\\SystemRoot", u"\\Device\\HarddiskVolume3\\Windows", nullptr);
+  kernel_->ob.CreateSymbolicLink(u"\\??\\C:", u"\\Device\\HarddiskVolume3", nullptr);
   systemThread_ = kernel_->ps.CreateThread(kernel_->ps.System());
+}
+
+FileNode* World::FindFile(const std::u16string& ntPath, Volume** volume, std::u16string* key) {
+  std::u16string device, path;
+  if (!ResolveVolumePath(kernel_->ob, ntPath, &device, &path)) return nullptr;
+  *volume = files_->FindVolume(device);
+  if (!*volume) return nullptr;
+  *key = Upcase(path);
+  auto it = (*volume)->files.find(*key);
+  return it == (*volume)->files.end() ? nullptr : &it->second;
+}
+
+std::optional<std::vector<uint8_t>> World::ReadFileBytes(const std::u16string& ntPath) {
+  std::lock_guard<std::mutex> lock(files_->mutex);
+  Volume* volume = nullptr;
+  std::u16string key;
+  FileNode* node = FindFile(ntPath, &volume, &key);
+  if (!node || node->directory) return std::nullopt;
+  return node->data;
+}
+
+bool World::WriteFileBytes(const std::u16string& ntPath, const std::vector<uint8_t>& bytes) {
+  std::u16string device, path;
+  if (!ResolveVolumePath(kernel_->ob, ntPath, &device, &path)) return false;
+  std::lock_guard<std::mutex> lock(files_->mutex);
+  Volume* volume = files_->FindVolume(device);
+  if (!volume) return false;
+  size_t slash = path.find_last_of(u'\\');
+  std::u16string parent = slash == 0 ? u"\\" : path.substr(0, slash);
+  auto dir = volume->files.find(Upcase(parent));
+  if (dir == volume->files.end() || !dir->second.directory) return false;
+  FileNode& node = volume->files[Upcase(path)];
+  node.path = path;
+  node.directory = false;
+  node.data = bytes;
+  return true;
+}
+
+bool World::DeleteFile(const std::u16string& ntPath) {
+  std::lock_guard<std::mutex> lock(files_->mutex);
+  Volume* volume = nullptr;
+  std::u16string key;
+  if (!FindFile(ntPath, &volume, &key)) return false;
+  volume->files.erase(key);
+  return true;
+}
+
+void World::FailWrites(const std::u16string& ntPath, NTSTATUS status) {
+  std::u16string device, path;
+  if (!ResolveVolumePath(kernel_->ob, ntPath, &device, &path)) return;
+  std::lock_guard<std::mutex> lock(files_->mutex);
+  Volume* volume = files_->FindVolume(device);
+  if (!volume) return;
+  if (NT_SUCCESS(status)) volume->failingWrites.erase(Upcase(path));
+  else volume->failingWrites[Upcase(path)] = status;
 }
 
 void World::PowerOff() {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "fs/file_system.h"
 #include "kernel.h"
 
 namespace ntsim {
@@ -90,6 +91,14 @@ class World {
                             ULONG size);
   NTSTATUS SetRegistryDword(const std::u16string& keyPath, const std::u16string& name, ULONG value);
 
+  // The machine's files, by NT path ("\SystemRoot\System32\x.dat", "\??\C:\x"), as seen from
+  // outside the running system (no requests, no callbacks). They survive reboots and crashes.
+  std::optional<std::vector<uint8_t>> ReadFileBytes(const std::u16string& ntPath);
+  bool WriteFileBytes(const std::u16string& ntPath, const std::vector<uint8_t>& bytes);
+  bool DeleteFile(const std::u16string& ntPath);
+  // Makes every write to the file fail with the given status (STATUS_SUCCESS: writes work again).
+  void FailWrites(const std::u16string& ntPath, NTSTATUS status);
+
   // A buffer whose reads fault, for handing to the driver as a caller's bad pointer.
   void* FaultingBuffer(size_t size) { return kernel_->faults.ReserveFaultingRange(size); }
 
@@ -105,9 +114,11 @@ class World {
   void PowerOff();
   Verdict CheckDriverLeftovers(const char* when);
   void CloseImage();
+  FileNode* FindFile(const std::u16string& ntPath, Volume** volume, std::u16string* key);
 
   Options options_;
   std::shared_ptr<KeyNode> hives_;
+  std::shared_ptr<FileStore> files_;
   std::unique_ptr<Kernel> kernel_;
   _KTHREAD* systemThread_ = nullptr;
   std::vector<std::unique_ptr<UserProcess>> processes_;

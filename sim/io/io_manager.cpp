@@ -11,7 +11,6 @@ void NoteDriverReference(void* body);
 
 namespace {
 
-constexpr ULONG kFileHandleCreated = 0x00040000;  // FO_HANDLE_CREATED
 
 const char* const kMajorNames[] = {
     "IRP_MJ_CREATE", "IRP_MJ_CREATE_NAMED_PIPE", "IRP_MJ_CLOSE", "IRP_MJ_READ", "IRP_MJ_WRITE",
@@ -34,7 +33,7 @@ void OnFileLastHandle(void* body) { K().io.SendFileRequest(static_cast<PFILE_OBJ
 
 void OnFileDelete(void* body) {
   auto* file = static_cast<PFILE_OBJECT>(body);
-  if (file->Flags & kFileHandleCreated) K().io.SendFileRequest(file, IRP_MJ_CLOSE);
+  if (file->Flags & FO_HANDLE_CREATED) K().io.SendFileRequest(file, IRP_MJ_CLOSE);
   delete[] file->FileName.Buffer;
   if (file->DeviceObject) K().ob.Dereference(file->DeviceObject);
 }
@@ -353,10 +352,18 @@ PIRP IoManager::BuildUserIrp(PFILE_OBJECT file, UCHAR major) {
   return irp;
 }
 
-NTSTATUS IoManager::UserCreateFile(const std::u16string& win32Path, ACCESS_MASK access, HANDLE* handle) {
+NTSTATUS IoManager::CreateFile(const CreateRequest& request, HANDLE* handle, ULONG_PTR* information) {
+  if (information) *information = 0;
+  ULONG synchronous = request.options & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT);
+  if (request.disposition > FILE_MAXIMUM_DISPOSITION ||
+      (synchronous && !(request.access & (SYNCHRONIZE | GENERIC_ALL))) ||
+      synchronous == (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT) ||
+      ((request.options & FILE_DIRECTORY_FILE) && (request.options & FILE_NON_DIRECTORY_FILE))) {
+    return STATUS_INVALID_PARAMETER;
+  }
   ObjectHeader* header = nullptr;
   std::u16string remaining;
-  NTSTATUS status = ob_->Lookup(Win32ToNtPath(win32Path), false, &header, &remaining);
+  NTSTATUS status = ob_->Lookup(request.ntPath, false, &header, &remaining);
   if (!NT_SUCCESS(status)) return status;
   if (header->type != &ob_->types.device) {
     ob_->Dereference(header->Body());
@@ -380,30 +387,47 @@ NTSTATUS IoManager::UserCreateFile(const std::u16string& win32Path, ACCESS_MASK 
     std::memcpy(file->FileName.Buffer, remaining.data(), remaining.size() * sizeof(WCHAR));
     file->FileName.Length = file->FileName.MaximumLength = static_cast<USHORT>(remaining.size() * sizeof(WCHAR));
   }
-  file->ReadAccess = (access & (FILE_READ_DATA | GENERIC_READ)) != 0;
-  file->WriteAccess = (access & (FILE_WRITE_DATA | GENERIC_WRITE)) != 0;
+  ACCESS_MASK access = request.access;
+  if (access & GENERIC_READ) access |= FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
+  if (access & GENERIC_WRITE) access |= FILE_WRITE_DATA | FILE_APPEND_DATA | SYNCHRONIZE;
+  if (access & GENERIC_ALL) access |= FILE_ALL_ACCESS;
+  file->ReadAccess = (access & FILE_READ_DATA) != 0;
+  file->WriteAccess = (access & (FILE_WRITE_DATA | FILE_APPEND_DATA)) != 0;
+  if (synchronous) file->Flags |= FO_SYNCHRONOUS_IO | ((synchronous & FILE_SYNCHRONOUS_IO_ALERT) ? FO_ALERTABLE_IO : 0);
+  if (request.options & FILE_NO_INTERMEDIATE_BUFFERING) file->Flags |= FO_NO_INTERMEDIATE_BUFFERING;
+  if (request.options & FILE_WRITE_THROUGH) file->Flags |= FO_WRITE_THROUGH;
   KeInitializeEvent(&file->Event, NotificationEvent, FALSE);
   PIRP irp = BuildUserIrp(file, IRP_MJ_CREATE);
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  stack->Parameters.Create.Options = (request.disposition << 24) | (request.options & 0x00FFFFFF);
+  stack->Parameters.Create.FileAttributes = static_cast<USHORT>(request.attributes);
+  stack->Parameters.Create.ShareAccess = static_cast<USHORT>(request.share);
   IoResult result = SendAndWait(device, irp);
   FreeIrp(irp);
+  if (information) *information = result.information;
   if (!NT_SUCCESS(result.status)) {
     ob_->Dereference(file);  // no handle was created: no cleanup or close follows
     return result.status;
   }
-  file->Flags |= kFileHandleCreated;
+  file->Flags |= FO_HANDLE_CREATED;
   __atomic_add_fetch(&device->ReferenceCount, 1, __ATOMIC_SEQ_CST);
-  ACCESS_MASK granted = access;
-  if (access & GENERIC_READ) granted |= FILE_READ_DATA | FILE_READ_ATTRIBUTES;
-  if (access & GENERIC_WRITE) granted |= FILE_WRITE_DATA | FILE_APPEND_DATA;
-  if (access & GENERIC_ALL) granted |= FILE_ALL_ACCESS;
-  *handle = ob_->InsertHandle(file, granted, false, false);
+  *handle = ob_->InsertHandle(file, access, request.kernelHandle, request.driverOwned);
   ob_->Dereference(file);  // the handle keeps it
   return STATUS_SUCCESS;
 }
 
-NTSTATUS IoManager::ReferenceUserFile(HANDLE handle, ACCESS_MASK access, PFILE_OBJECT* file) {
+NTSTATUS IoManager::UserCreateFile(const std::u16string& win32Path, ACCESS_MASK access, HANDLE* handle) {
+  CreateRequest request;
+  // As CreateFile without overlapped I/O asks for it.
+  request.ntPath = Win32ToNtPath(win32Path);
+  request.access = access | SYNCHRONIZE | FILE_READ_ATTRIBUTES;
+  request.options = FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE;
+  return CreateFile(request, handle, nullptr);
+}
+
+NTSTATUS IoManager::ReferenceFile(HANDLE handle, ACCESS_MASK access, KPROCESSOR_MODE mode, PFILE_OBJECT* file) {
   void* body = nullptr;
-  NTSTATUS status = ob_->ReferenceByHandle(handle, &ob_->types.file, UserMode, access, &body, nullptr);
+  NTSTATUS status = ob_->ReferenceByHandle(handle, &ob_->types.file, mode, access, &body, nullptr);
   if (NT_SUCCESS(status)) *file = static_cast<PFILE_OBJECT>(body);
   return status;
 }
@@ -414,7 +438,7 @@ IoResult IoManager::UserDeviceIoControl(HANDLE handle, ULONG code, const void* i
   ACCESS_MASK access = ((requiredAccess & FILE_READ_ACCESS) ? FILE_READ_DATA : 0) |
                        ((requiredAccess & FILE_WRITE_ACCESS) ? FILE_WRITE_DATA : 0);
   PFILE_OBJECT file = nullptr;
-  NTSTATUS status = ReferenceUserFile(handle, access, &file);
+  NTSTATUS status = ReferenceFile(handle, access, UserMode, &file);
   if (!NT_SUCCESS(status)) return IoResult{status, 0};
   PIRP irp = BuildUserIrp(file, IRP_MJ_DEVICE_CONTROL);
   PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
@@ -448,16 +472,31 @@ IoResult IoManager::UserDeviceIoControl(HANDLE handle, ULONG code, const void* i
   return result;
 }
 
-IoResult IoManager::UserRead(HANDLE handle, void* buffer, ULONG length) {
+IoResult IoManager::Transfer(HANDLE handle, UCHAR major, void* buffer, ULONG length, const LARGE_INTEGER* offset,
+                             KPROCESSOR_MODE mode) {
+  bool read = major == IRP_MJ_READ;
   PFILE_OBJECT file = nullptr;
-  NTSTATUS status = ReferenceUserFile(handle, FILE_READ_DATA, &file);
+  NTSTATUS status = ReferenceFile(handle, read ? FILE_READ_DATA : FILE_WRITE_DATA, mode, &file);
   if (!NT_SUCCESS(status)) return IoResult{status, 0};
-  PIRP irp = BuildUserIrp(file, IRP_MJ_READ);
-  IoGetNextIrpStackLocation(irp)->Parameters.Read.Length = length;
+  bool synchronous = (file->Flags & FO_SYNCHRONOUS_IO) != 0;
+  LARGE_INTEGER position;
+  if (offset) {
+    position = *offset;
+  } else if (synchronous) {
+    position = file->CurrentByteOffset;  // the file's current position
+  } else {
+    ob_->Dereference(file);
+    return IoResult{STATUS_INVALID_PARAMETER, 0};  // asynchronous files need an offset
+  }
+  PIRP irp = BuildUserIrp(file, major);
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  stack->Parameters.Read.Length = length;  // the same place for reads and writes
+  stack->Parameters.Read.ByteOffset = position;
   std::vector<char> system;
   ULONG flags = file->DeviceObject->Flags;
   if (flags & DO_BUFFERED_IO) {
-    system.resize(length);
+    if (read) system.resize(length);
+    else system.assign(static_cast<const char*>(buffer), static_cast<const char*>(buffer) + length);
     irp->AssociatedIrp.SystemBuffer = length ? system.data() : nullptr;
   } else if (flags & DO_DIRECT_IO) {
     if (length) irp->MdlAddress = BuildMdl(buffer, length);
@@ -465,7 +504,52 @@ IoResult IoManager::UserRead(HANDLE handle, void* buffer, ULONG length) {
     irp->UserBuffer = buffer;
   }
   IoResult result = SendAndWait(file->DeviceObject, irp);
-  if ((flags & DO_BUFFERED_IO) && NT_SUCCESS(result.status) && result.information) {
+  if (read && (flags & DO_BUFFERED_IO) && NT_SUCCESS(result.status) && result.information) {
+    std::memcpy(buffer, system.data(), result.information <= length ? result.information : length);
+  }
+  if (synchronous && NT_SUCCESS(result.status)) {
+    file->CurrentByteOffset.QuadPart = position.QuadPart + static_cast<LONGLONG>(result.information);
+  }
+  FreeIrp(irp);
+  ob_->Dereference(file);
+  return result;
+}
+
+IoResult IoManager::UserRead(HANDLE handle, void* buffer, ULONG length) {
+  return Transfer(handle, IRP_MJ_READ, buffer, length, nullptr, UserMode);
+}
+
+IoResult IoManager::UserWrite(HANDLE handle, const void* buffer, ULONG length) {
+  return Transfer(handle, IRP_MJ_WRITE, const_cast<void*>(buffer), length, nullptr, UserMode);
+}
+
+IoResult IoManager::Flush(HANDLE handle, KPROCESSOR_MODE mode) {
+  PFILE_OBJECT file = nullptr;
+  NTSTATUS status = ReferenceFile(handle, 0, mode, &file);
+  if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  if (!file->WriteAccess) {
+    ob_->Dereference(file);
+    return IoResult{STATUS_ACCESS_DENIED, 0};
+  }
+  PIRP irp = BuildUserIrp(file, IRP_MJ_FLUSH_BUFFERS);
+  IoResult result = SendAndWait(file->DeviceObject, irp);
+  FreeIrp(irp);
+  ob_->Dereference(file);
+  return result;
+}
+
+IoResult IoManager::QueryInformation(HANDLE handle, int infoClass, void* buffer, ULONG length, KPROCESSOR_MODE mode) {
+  PFILE_OBJECT file = nullptr;
+  NTSTATUS status = ReferenceFile(handle, 0, mode, &file);
+  if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  PIRP irp = BuildUserIrp(file, IRP_MJ_QUERY_INFORMATION);
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  stack->Parameters.QueryFile.Length = length;
+  stack->Parameters.QueryFile.FileInformationClass = infoClass;
+  std::vector<char> system(length);
+  irp->AssociatedIrp.SystemBuffer = length ? system.data() : nullptr;
+  IoResult result = SendAndWait(file->DeviceObject, irp);
+  if (!NT_ERROR_STATUS(result.status) && result.information) {
     std::memcpy(buffer, system.data(), result.information <= length ? result.information : length);
   }
   FreeIrp(irp);
@@ -473,31 +557,9 @@ IoResult IoManager::UserRead(HANDLE handle, void* buffer, ULONG length) {
   return result;
 }
 
-IoResult IoManager::UserWrite(HANDLE handle, const void* buffer, ULONG length) {
-  PFILE_OBJECT file = nullptr;
-  NTSTATUS status = ReferenceUserFile(handle, FILE_WRITE_DATA, &file);
-  if (!NT_SUCCESS(status)) return IoResult{status, 0};
-  PIRP irp = BuildUserIrp(file, IRP_MJ_WRITE);
-  IoGetNextIrpStackLocation(irp)->Parameters.Write.Length = length;
-  std::vector<char> system;
-  ULONG flags = file->DeviceObject->Flags;
-  if (flags & DO_BUFFERED_IO) {
-    system.assign(static_cast<const char*>(buffer), static_cast<const char*>(buffer) + length);
-    irp->AssociatedIrp.SystemBuffer = length ? system.data() : nullptr;
-  } else if (flags & DO_DIRECT_IO) {
-    if (length) irp->MdlAddress = BuildMdl(const_cast<void*>(buffer), length);
-  } else {
-    irp->UserBuffer = const_cast<void*>(buffer);
-  }
-  IoResult result = SendAndWait(file->DeviceObject, irp);
-  FreeIrp(irp);
-  ob_->Dereference(file);
-  return result;
-}
-
 IoResult IoManager::UserSendMajor(HANDLE handle, UCHAR major) {
   PFILE_OBJECT file = nullptr;
-  NTSTATUS status = ReferenceUserFile(handle, 0, &file);
+  NTSTATUS status = ReferenceFile(handle, 0, UserMode, &file);
   if (!NT_SUCCESS(status)) return IoResult{status, 0};
   PIRP irp = BuildUserIrp(file, major);
   IoResult result = SendAndWait(file->DeviceObject, irp);

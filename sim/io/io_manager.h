@@ -14,6 +14,18 @@
 
 namespace ntsim {
 
+// What a create asks for (the arguments of ZwCreateFile that reach the file system).
+struct CreateRequest {
+  std::u16string ntPath;
+  ACCESS_MASK access = 0;
+  ULONG share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  ULONG disposition = FILE_OPEN;
+  ULONG options = 0;
+  ULONG attributes = 0;
+  bool kernelHandle = false;
+  bool driverOwned = false;  // opened by the driver: reported if still open at unload
+};
+
 // What a user-mode caller gets back from a request, as the Win32 routines report it.
 struct IoResult {
   NTSTATUS status = STATUS_SUCCESS;
@@ -51,6 +63,13 @@ class IoManager {
   void ForgetDriverLink(void* link);
   std::vector<std::u16string> DriverLinks();
 
+  // Files, for any caller: the handle goes to the kernel's table or the current process's.
+  NTSTATUS CreateFile(const CreateRequest& request, HANDLE* handle, ULONG_PTR* information);
+  IoResult Transfer(HANDLE handle, UCHAR major, void* buffer, ULONG length, const LARGE_INTEGER* offset,
+                    KPROCESSOR_MODE mode);
+  IoResult Flush(HANDLE handle, KPROCESSOR_MODE mode);
+  IoResult QueryInformation(HANDLE handle, int infoClass, void* buffer, ULONG length, KPROCESSOR_MODE mode);
+
   // The user-mode side: the calling thread acts in its own process.
   NTSTATUS UserCreateFile(const std::u16string& win32Path, ACCESS_MASK access, HANDLE* handle);
   IoResult UserDeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
@@ -67,7 +86,7 @@ class IoManager {
     bool completed = false;
     bool dispatchReturned = false;
   };
-  NTSTATUS ReferenceUserFile(HANDLE handle, ACCESS_MASK access, PFILE_OBJECT* file);
+  NTSTATUS ReferenceFile(HANDLE handle, ACCESS_MASK access, KPROCESSOR_MODE mode, PFILE_OBJECT* file);
   PIRP BuildUserIrp(PFILE_OBJECT file, UCHAR major);
 
   ObjectManager* ob_ = nullptr;

@@ -199,6 +199,10 @@ typedef struct _IO_STACK_LOCATION {
       LARGE_INTEGER ByteOffset;
     } Write;
     struct {
+      ULONG Length;
+      int FileInformationClass;
+    } QueryFile;
+    struct {
       ULONG OutputBufferLength;
       ULONG InputBufferLength;
       ULONG IoControlCode;

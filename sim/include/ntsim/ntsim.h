@@ -10,6 +10,7 @@
 #include "ntsim/ob.h"
 #include "ntsim/se.h"
 #include "ntsim/io.h"
+#include "ntsim/file.h"
 #include "ntsim/cm.h"
 #include "ntsim/mm.h"
 #include "ntsim/guard.h"

@@ -1,0 +1,236 @@
+#include "fs/file_system.h"
+
+#include "kernel.h"
+
+namespace ntsim {
+
+namespace {
+
+constexpr ULONG kSectorSize = 512;
+constexpr ULONG kClusterSize = 4096;
+
+// The store of the booted machine; the driver's dispatch routines reach it through here.
+std::shared_ptr<FileStore>& Store() {
+  static std::shared_ptr<FileStore> store;
+  return store;
+}
+
+// What a file object opened on a volume refers to.
+struct FileContext {
+  std::u16string volume;  // upcased device name
+  std::u16string key;     // upcased path within the volume
+};
+
+// Open files' contexts of the booted machine; a crash drops them with the machine.
+std::mutex g_contextsMutex;
+std::map<FileContext*, std::unique_ptr<FileContext>> g_contexts;
+
+FileContext* NewContext(const std::u16string& volume, const std::u16string& key) {
+  auto context = std::make_unique<FileContext>(FileContext{volume, key});
+  FileContext* raw = context.get();
+  std::lock_guard<std::mutex> lock(g_contextsMutex);
+  g_contexts[raw] = std::move(context);
+  return raw;
+}
+
+void DeleteContext(FileContext* context) {
+  std::lock_guard<std::mutex> lock(g_contextsMutex);
+  g_contexts.erase(context);
+}
+
+NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information) {
+  irp->IoStatus.Status = status;
+  irp->IoStatus.Information = information;
+  IofCompleteRequest(irp, IO_NO_INCREMENT);
+  return status;
+}
+
+std::u16string ParentOf(const std::u16string& key) {
+  size_t slash = key.find_last_of(u'\\');
+  return slash == 0 ? u"\\" : key.substr(0, slash);
+}
+
+std::u16string Normalize(const std::u16string& path) {
+  std::u16string out;
+  for (const std::u16string& part : SplitPath(path)) out += u"\\" + part;
+  return out.empty() ? u"\\" : out;
+}
+
+Volume* VolumeOf(PDEVICE_OBJECT device) {
+  return Store()->FindVolume(K().ob.FullName(ObjectManager::HeaderOf(device)));
+}
+
+FileContext* ContextOf(PIRP irp) {
+  return static_cast<FileContext*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext);
+}
+
+NTSTATUS NTAPI FsCreate(PDEVICE_OBJECT device, PIRP irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+  ULONG disposition = stack->Parameters.Create.Options >> 24;
+  ULONG options = stack->Parameters.Create.Options & 0x00FFFFFF;
+  std::u16string path = Normalize(ToU16(&stack->FileObject->FileName));
+  std::u16string key = Upcase(path);
+  std::lock_guard<std::mutex> lock(Store()->mutex);
+  Volume* volume = VolumeOf(device);
+  if (!volume) return Complete(irp, STATUS_NO_SUCH_DEVICE, 0);
+  auto it = volume->files.find(key);
+  ULONG_PTR information = FILE_OPENED;
+  if (it == volume->files.end()) {
+    if (disposition == FILE_OPEN || disposition == FILE_OVERWRITE) {
+      bool parentExists = volume->files.count(ParentOf(key)) != 0;
+      return Complete(irp, parentExists ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND,
+                      FILE_DOES_NOT_EXIST);
+    }
+    auto parent = volume->files.find(ParentOf(key));
+    if (parent == volume->files.end() || !parent->second.directory) {
+      return Complete(irp, STATUS_OBJECT_PATH_NOT_FOUND, 0);
+    }
+    FileNode node;
+    node.path = path;
+    node.directory = (options & FILE_DIRECTORY_FILE) != 0;
+    it = volume->files.emplace(key, node).first;
+    information = FILE_CREATED;
+  } else {
+    if (disposition == FILE_CREATE) return Complete(irp, STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS);
+    if ((options & FILE_DIRECTORY_FILE) && !it->second.directory) return Complete(irp, STATUS_NOT_A_DIRECTORY, 0);
+    if ((options & FILE_NON_DIRECTORY_FILE) && it->second.directory) {
+      return Complete(irp, STATUS_FILE_IS_A_DIRECTORY, 0);
+    }
+    if (disposition == FILE_OVERWRITE || disposition == FILE_OVERWRITE_IF || disposition == FILE_SUPERSEDE) {
+      it->second.data.clear();
+      information = disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
+    }
+  }
+  stack->FileObject->FsContext = NewContext(Upcase(volume->deviceName), key);
+  return Complete(irp, STATUS_SUCCESS, information);
+}
+
+NTSTATUS NTAPI FsCleanup(PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_SUCCESS, 0); }
+
+NTSTATUS NTAPI FsClose(PDEVICE_OBJECT, PIRP irp) {
+  DeleteContext(ContextOf(irp));
+  IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext = nullptr;
+  return Complete(irp, STATUS_SUCCESS, 0);
+}
+
+// The rule of I/O without intermediate buffering: whole sectors, and a buffer aligned as the
+// device requires.
+bool UnbufferedTransferAllowed(PDEVICE_OBJECT device, PFILE_OBJECT file, const void* buffer, ULONG length,
+                               LONGLONG offset) {
+  if (!(file->Flags & FO_NO_INTERMEDIATE_BUFFERING)) return true;
+  return offset % kSectorSize == 0 && length % kSectorSize == 0 &&
+         (reinterpret_cast<uintptr_t>(buffer) & device->AlignmentRequirement) == 0;
+}
+
+NTSTATUS NTAPI FsReadWrite(PDEVICE_OBJECT device, PIRP irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+  bool read = stack->MajorFunction == IRP_MJ_READ;
+  ULONG length = stack->Parameters.Read.Length;
+  LONGLONG offset = stack->Parameters.Read.ByteOffset.QuadPart;
+  auto* buffer = static_cast<uint8_t*>(irp->UserBuffer);
+  if (offset < 0) return Complete(irp, STATUS_INVALID_PARAMETER, 0);
+  if (!UnbufferedTransferAllowed(device, stack->FileObject, buffer, length, offset)) {
+    return Complete(irp, STATUS_INVALID_PARAMETER, 0);
+  }
+  FileContext* context = ContextOf(irp);
+  std::lock_guard<std::mutex> lock(Store()->mutex);
+  Volume* volume = Store()->FindVolume(context->volume);
+  auto it = volume ? volume->files.find(context->key) : decltype(volume->files.end())();
+  if (!volume || it == volume->files.end()) return Complete(irp, STATUS_FILE_CLOSED, 0);  // deleted under us
+  if (it->second.directory) return Complete(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+  std::vector<uint8_t>& data = it->second.data;
+  if (read) {
+    if (static_cast<uint64_t>(offset) >= data.size()) return Complete(irp, STATUS_END_OF_FILE, 0);
+    size_t n = data.size() - static_cast<size_t>(offset);
+    if (n > length) n = length;
+    std::memcpy(buffer, data.data() + offset, n);
+    return Complete(irp, STATUS_SUCCESS, n);
+  }
+  auto failing = volume->failingWrites.find(context->key);
+  if (failing != volume->failingWrites.end()) return Complete(irp, failing->second, 0);
+  if (data.size() < static_cast<size_t>(offset) + length) data.resize(static_cast<size_t>(offset) + length);
+  if (length) std::memcpy(data.data() + offset, buffer, length);
+  return Complete(irp, STATUS_SUCCESS, length);
+}
+
+// Every write reaches the disk at once, so a flush has nothing left to do.
+NTSTATUS NTAPI FsFlush(PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_SUCCESS, 0); }
+
+NTSTATUS NTAPI FsQueryInformation(PDEVICE_OBJECT, PIRP irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+  if (stack->Parameters.QueryFile.FileInformationClass != FileStandardInformation) {
+    return Complete(irp, STATUS_INVALID_INFO_CLASS, 0);
+  }
+  if (stack->Parameters.QueryFile.Length < sizeof(FILE_STANDARD_INFORMATION)) {
+    return Complete(irp, STATUS_INFO_LENGTH_MISMATCH, 0);
+  }
+  FileContext* context = ContextOf(irp);
+  std::lock_guard<std::mutex> lock(Store()->mutex);
+  Volume* volume = Store()->FindVolume(context->volume);
+  if (!volume || !volume->files.count(context->key)) return Complete(irp, STATUS_FILE_CLOSED, 0);
+  const FileNode& node = volume->files[context->key];
+  FILE_STANDARD_INFORMATION info = {};
+  info.EndOfFile.QuadPart = static_cast<LONGLONG>(node.data.size());
+  info.AllocationSize.QuadPart = static_cast<LONGLONG>((node.data.size() + kClusterSize - 1) / kClusterSize * kClusterSize);
+  info.NumberOfLinks = 1;
+  info.Directory = node.directory;
+  std::memcpy(irp->AssociatedIrp.SystemBuffer, &info, sizeof info);
+  return Complete(irp, STATUS_SUCCESS, sizeof info);
+}
+
+}  // namespace
+
+Volume& FileStore::AddVolume(const std::u16string& deviceName) {
+  Volume& volume = volumes[Upcase(deviceName)];
+  volume.deviceName = deviceName;
+  if (!volume.files.count(u"\\")) {
+    FileNode root;
+    root.path = u"\\";
+    root.directory = true;
+    volume.files[u"\\"] = root;
+  }
+  return volume;
+}
+
+Volume* FileStore::FindVolume(const std::u16string& deviceName) {
+  auto it = volumes.find(Upcase(deviceName));
+  return it == volumes.end() ? nullptr : &it->second;
+}
+
+bool ResolveVolumePath(ObjectManager& ob, const std::u16string& ntPath, std::u16string* device, std::u16string* path) {
+  ObjectHeader* header = nullptr;
+  std::u16string remaining;
+  if (!NT_SUCCESS(ob.Lookup(ntPath, false, &header, &remaining))) return false;
+  bool isDevice = header->type == &ob.types.device;
+  *device = ob.FullName(header);
+  ob.Dereference(header->Body());
+  *path = Normalize(remaining);
+  return isDevice;
+}
+
+void StartFileSystem(IoManager& io, std::shared_ptr<FileStore> store) {
+  Store() = std::move(store);
+  {
+    std::lock_guard<std::mutex> lock(g_contextsMutex);
+    g_contexts.clear();
+  }
+  PDRIVER_OBJECT driver = io.CreateDriverObject(u"\\FileSystem\\Ntfs", nullptr);
+  driver->MajorFunction[IRP_MJ_CREATE] = FsCreate;
+  driver->MajorFunction[IRP_MJ_CLEANUP] = FsCleanup;
+  driver->MajorFunction[IRP_MJ_CLOSE] = FsClose;
+  driver->MajorFunction[IRP_MJ_READ] = FsReadWrite;
+  driver->MajorFunction[IRP_MJ_WRITE] = FsReadWrite;
+  driver->MajorFunction[IRP_MJ_FLUSH_BUFFERS] = FsFlush;
+  driver->MajorFunction[IRP_MJ_QUERY_INFORMATION] = FsQueryInformation;
+  std::lock_guard<std::mutex> lock(Store()->mutex);
+  for (auto& [key, volume] : Store()->volumes) {
+    UNICODE_STRING name{static_cast<USHORT>(volume.deviceName.size() * 2), static_cast<USHORT>(volume.deviceName.size() * 2),
+                        reinterpret_cast<PWSTR>(const_cast<char16_t*>(volume.deviceName.data()))};
+    PDEVICE_OBJECT device = nullptr;
+    io.CreateDevice(driver, 0, &name, FILE_DEVICE_DISK, 0, FALSE, &device);
+    device->AlignmentRequirement = 1;  // FILE_WORD_ALIGNMENT
+    device->Flags &= ~DO_DEVICE_INITIALIZING;
+  }
+}
+
+}  // namespace ntsim

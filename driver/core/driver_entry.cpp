@@ -1,5 +1,6 @@
 // The driver's frame: entry, unload, the device and its dispatch table, shutdown.
 #include "core/debug_log.h"
+#include "core/load_guard.h"
 #include "core/record_tags.h"
 #include "core/sentrel_data.h"
 
@@ -39,12 +40,13 @@ static NTSTATUS sk_DispatchInvalidRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp)
   return sk_CompleteRequest(Irp, STATUS_INVALID_DEVICE_REQUEST);
 }
 
-// Shutdown stops nothing: it only marks the run as ended in order, through the load guard, which
-// comes with the load-guard record file (it then sets LoadGuardReleased when that succeeds).
+// Shutdown stops nothing: it only marks the run as ended in order, so that a later unload does not
+// lower the load count a second time.
 static NTSTATUS sk_DispatchShutdown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   NTSTATUS status;
   UNREFERENCED_PARAMETER(DeviceObject);
   SK_ENTER();
+  if (NT_SUCCESS(sk_LoadGuardRelease())) LoadGuardReleased = TRUE;
   status = sk_CompleteRequest(Irp, STATUS_SUCCESS);
   SK_LEAVE(status);
   return status;
@@ -77,7 +79,7 @@ static VOID sk_DriverUnload(PDRIVER_OBJECT DriverObject) {
   }
   SK_LEAVE(status);
   sk_UninitDebugLevel();
-  // The load guard is released here (unless shutdown already did) once it exists.
+  if (!LoadGuardReleased) sk_LoadGuardRelease();
 }
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
@@ -85,7 +87,8 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
   NTSTATUS status;
   ULONG i;
 
-  // The load guard, which may refuse the load, comes first here once it exists.
+  status = sk_LoadGuardEnter();
+  if (!NT_SUCCESS(status)) return status;  // refused: nothing else exists yet
   sk_InitDebugLevel(RegistryPath);
   sk_TraceEnter(SK_TRACE_CORE, "Sentrel DriverEntry");
   SkDriverObject = DriverObject;
@@ -147,6 +150,6 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
 Fail:
   sk_TraceLeave(SK_TRACE_CORE, "Sentrel DriverEntry Leave", status);
   sk_UninitDebugLevel();
-  // The load guard is released here (unless LoadGuardReleased) once it exists.
+  if (!LoadGuardReleased) sk_LoadGuardRelease();
   return status;
 }

@@ -8,3 +8,4 @@
 #define SK_TAG_IMAGE_RECORD 'iftG'   // "Gtfi": per-process image records
 #define SK_TAG_FAST_MUTEX 'fttG'     // "Gttf": fast mutexes of the message queues
 #define SK_TAG_SECURITY 'dsTg'       // "gTsd": security descriptors built from SDDL
+#define SK_TAG_LOAD_GUARD 'glTg'     // "gTlg": the load guard's read-back buffer

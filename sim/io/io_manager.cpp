@@ -38,6 +38,9 @@ void OnFileDelete(void* body) {
   if (file->DeviceObject) K().ob.Dereference(file->DeviceObject);
 }
 
+// When the machine goes away with the file still open: no request is sent, only memory freed.
+void DestroyFileBody(void* body) { delete[] static_cast<PFILE_OBJECT>(body)->FileName.Buffer; }
+
 bool QueryDeviceName(void* body, std::u16string* name) {
   *name = K().ob.FullName(ObjectManager::HeaderOf(body));
   return true;
@@ -77,6 +80,7 @@ void IoManager::Boot(ObjectManager& ob) {
   ob_ = &ob;
   ob.types.file.onLastHandleClose = OnFileLastHandle;
   ob.types.file.onDelete = OnFileDelete;
+  ob.types.file.destroyBody = DestroyFileBody;
   ob.types.file.queryName = QueryFileName;
   ob.types.device.queryName = QueryDeviceName;
   ob.CreateDirectory(u"\\Device");

@@ -35,6 +35,7 @@ LookasideImpl* ImplOf(GENERAL_LOOKASIDE_SIM* l, const char* call) {
 
 void* Allocate(GENERAL_LOOKASIDE_SIM* l, const char* call) {
   LookasideImpl* impl = ImplOf(l, call);
+  if (!impl) return nullptr;
   {
     std::lock_guard<std::mutex> lock(impl->mutex);
     ++l->TotalAllocates;
@@ -56,6 +57,7 @@ void FreeEntry(GENERAL_LOOKASIDE_SIM* l, void* entry) {
 
 void Free(GENERAL_LOOKASIDE_SIM* l, void* entry, const char* call) {
   LookasideImpl* impl = ImplOf(l, call);
+  if (!impl) return;
   {
     std::lock_guard<std::mutex> lock(impl->mutex);
     ++l->TotalFrees;

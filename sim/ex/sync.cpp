@@ -49,6 +49,7 @@ NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource) {
 BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
   CheckCriticalRegion("ExAcquireResourceSharedLite");
   ResourceImpl* impl = ImplOf(Resource, "ExAcquireResourceSharedLite");
+  if (!impl) return FALSE;
   _KTHREAD* self = CurrentThread();
   std::unique_lock<std::mutex> lock(DispatcherLock());
   if (impl->exclusiveOwner == self) {  // an exclusive owner may also take it shared
@@ -69,6 +70,7 @@ BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
 BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) {
   CheckCriticalRegion("ExAcquireResourceExclusiveLite");
   ResourceImpl* impl = ImplOf(Resource, "ExAcquireResourceExclusiveLite");
+  if (!impl) return FALSE;
   _KTHREAD* self = CurrentThread();
   std::unique_lock<std::mutex> lock(DispatcherLock());
   if (impl->exclusiveOwner == self) {
@@ -95,6 +97,7 @@ BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) 
 
 VOID NTAPI ExReleaseResourceLite(PERESOURCE Resource) {
   ResourceImpl* impl = ImplOf(Resource, "ExReleaseResourceLite");
+  if (!impl) return;
   _KTHREAD* self = CurrentThread();
   {
     std::lock_guard<std::mutex> lock(DispatcherLock());
@@ -114,12 +117,14 @@ VOID NTAPI ExReleaseResourceLite(PERESOURCE Resource) {
 
 BOOLEAN NTAPI ExIsResourceAcquiredExclusiveLite(PERESOURCE Resource) {
   ResourceImpl* impl = ImplOf(Resource, "ExIsResourceAcquiredExclusiveLite");
+  if (!impl) return FALSE;
   std::lock_guard<std::mutex> lock(DispatcherLock());
   return impl->exclusiveOwner == CurrentThread();
 }
 
 ULONG NTAPI ExIsResourceAcquiredSharedLite(PERESOURCE Resource) {
   ResourceImpl* impl = ImplOf(Resource, "ExIsResourceAcquiredSharedLite");
+  if (!impl) return 0;
   _KTHREAD* self = CurrentThread();
   std::lock_guard<std::mutex> lock(DispatcherLock());
   if (impl->exclusiveOwner == self) return static_cast<ULONG>(impl->exclusiveCount);

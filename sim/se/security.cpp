@@ -102,7 +102,9 @@ NTSTATUS NTAPI ZwSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityI
   auto* sd = static_cast<SECURITY_DESCRIPTOR*>(SecurityDescriptor);
   if ((SecurityInformation & DACL_SECURITY_INFORMATION) && !(granted & (WRITE_DAC | GENERIC_ALL))) {
     status = STATUS_ACCESS_DENIED;
-  } else if (!sd || sd->Revision != SECURITY_DESCRIPTOR_REVISION) {
+  } else if (!sd) {
+    status = STATUS_ACCESS_VIOLATION;  // as documented for a null SecurityDescriptor
+  } else if (sd->Revision != SECURITY_DESCRIPTOR_REVISION) {
     status = STATUS_INVALID_SECURITY_DESCR;
   } else if (SecurityInformation & DACL_SECURITY_INFORMATION) {
     SecurityRecord record;

@@ -1,9 +1,12 @@
 #!/usr/bin/env python3
 """Post-link tool for Sentrel.sys.
 
-  pe_tool.py checksum FILE
+  pe_tool.py checksum FILE [--force-integrity]
       Computes the PE image checksum and writes it into the optional header in place. lld leaves
-      the field at 0; the kernel loader wants a correct one for drivers.
+      the field at 0; the kernel loader wants a correct one for drivers. With --force-integrity it
+      first sets IMAGE_DLLCHARACTERISTICS_FORCE_INTEGRITY (what /INTEGRITYCHECK does; this lld has
+      no option for it): the kernel refuses some registrations (extended process notifications)
+      from images without it.
 
   pe_tool.py check FILE --map MAPFILE [--allow-dll NAME]...
       Verifies that FILE is a loadable x64 kernel driver and prints one line per check:
@@ -16,6 +19,7 @@
         static-constructors  no dynamic initializers were linked in (they would never run)
         tls                  no thread-local storage
         sections             no section is both writable and executable
+        integrity            (with --require-integrity) FORCE_INTEGRITY is set
       Exit status: 0 all checks passed, 1 some check failed, 2 the files could not be read.
 
 The map file may come from lld (-Wl,-Map with the mingw driver: RVAs, one input section per line as
@@ -409,6 +413,13 @@ CHECKS = [
 ]
 
 
+def check_integrity(pe, link_map, args):
+    flags = struct.unpack_from("<H", pe.data, dll_characteristics_offset(pe))[0]
+    if flags & FORCE_INTEGRITY:
+        return True, "FORCE_INTEGRITY set (DllCharacteristics 0x%04x)" % flags
+    return False, "FORCE_INTEGRITY not set (DllCharacteristics 0x%04x)" % flags
+
+
 def read_file(path):
     try:
         with open(path, "rb") as f:
@@ -417,9 +428,23 @@ def read_file(path):
         raise PeError("cannot read %s: %s" % (path, e.strerror))
 
 
+FORCE_INTEGRITY = 0x0080
+
+
+def dll_characteristics_offset(pe):
+    return pe.opt_offset + 70  # same place in PE32 and PE32+
+
+
 def cmd_checksum(args):
     data = bytearray(read_file(args.file))
     pe = PeImage(bytes(data))
+    if args.force_integrity:
+        at = dll_characteristics_offset(pe)
+        flags = struct.unpack_from("<H", data, at)[0] | FORCE_INTEGRITY
+        struct.pack_into("<H", data, at, flags)
+        with open(args.file, "r+b") as f:
+            f.seek(at)
+            f.write(struct.pack("<H", flags))
     value = pe_checksum(data, pe.checksum_offset)
     with open(args.file, "r+b") as f:
         f.seek(pe.checksum_offset)
@@ -441,7 +466,10 @@ def cmd_check(args):
         print("%s: 1 check failed: format" % name)
         return 1
     link_map = parse_map(map_text, pe.image_base)
-    for check_name, fn in CHECKS:
+    checks = list(CHECKS)
+    if args.require_integrity:
+        checks.append(("integrity", check_integrity))
+    for check_name, fn in checks:
         try:
             ok, msg = fn(pe, link_map, args)
         except PeError as e:
@@ -461,10 +489,12 @@ def main(argv):
     sub = parser.add_subparsers(dest="command", required=True)
     p = sub.add_parser("checksum", help="write the PE image checksum in place")
     p.add_argument("file")
+    p.add_argument("--force-integrity", action="store_true", help="set FORCE_INTEGRITY first")
     p.set_defaults(func=cmd_checksum)
     p = sub.add_parser("check", help="verify that the image is a proper driver")
     p.add_argument("file")
     p.add_argument("--map", required=True, help="linker map file (-Wl,-Map,FILE)")
+    p.add_argument("--require-integrity", action="store_true", help="also require FORCE_INTEGRITY")
     p.add_argument("--allow-dll", action="append", default=[], metavar="NAME",
                    help="DLL the driver may import from (repeatable; default: %s)" % ", ".join(DEFAULT_ALLOWED_DLLS))
     p.add_argument("--reject-to", metavar="PATH",

@@ -7,6 +7,7 @@
 #       [DEFINITIONS <def>...]
 #       [LINK_LIBRARIES <lib>...]   # extra static libraries or import libraries
 #       [LINKER lld|bfd]            # default lld
+#       [FORCE_INTEGRITY]           # set FORCE_INTEGRITY in the image (and check it)
 #       [EXPECT_FAILURE])           # a deliberately bad driver: link it, but skip the post-build check
 #
 # The driver is linked with a map file next to it (<name>.sys.map, also in the target property
@@ -74,7 +75,7 @@ endfunction()
 
 function(sentrel_add_driver target)
   _sentrel_driver_settings()
-  cmake_parse_arguments(PARSE_ARGV 1 arg "EXPECT_FAILURE" "OUTPUT_NAME;LINKER"
+  cmake_parse_arguments(PARSE_ARGV 1 arg "EXPECT_FAILURE;FORCE_INTEGRITY" "OUTPUT_NAME;LINKER"
                         "SOURCES;INCLUDES;DEFINITIONS;LINK_LIBRARIES")
   if(arg_UNPARSED_ARGUMENTS)
     message(FATAL_ERROR "sentrel_add_driver(${target}): unexpected arguments ${arg_UNPARSED_ARGUMENTS}")
@@ -129,12 +130,18 @@ function(sentrel_add_driver target)
   foreach(dll IN LISTS SENTREL_DRIVER_ALLOWED_DLLS)
     list(APPEND allow --allow-dll ${dll})
   endforeach()
+  set(integrity_flag)
+  if(arg_FORCE_INTEGRITY)
+    set(integrity_flag --force-integrity)
+    list(APPEND allow --require-integrity)
+  endif()
   set_target_properties(${target} PROPERTIES SENTREL_ALLOWED_DLL_ARGS "${allow}")
 
   set(post)
   if(arg_LINKER STREQUAL "lld")
     # GNU ld writes the checksum itself; keeping its value lets the check compare against it.
-    list(APPEND post COMMAND "${Python3_EXECUTABLE}" "${SENTREL_PE_TOOL}" checksum "$<TARGET_FILE:${target}>")
+    list(APPEND post COMMAND "${Python3_EXECUTABLE}" "${SENTREL_PE_TOOL}" checksum "$<TARGET_FILE:${target}>"
+                             ${integrity_flag})
   endif()
   if(NOT arg_EXPECT_FAILURE)
     list(APPEND post COMMAND "${Python3_EXECUTABLE}" "${SENTREL_PE_TOOL}" check "$<TARGET_FILE:${target}>"

@@ -10,6 +10,7 @@
 #include "io/io_manager.h"
 #include "mm/fault_map.h"
 #include "ob/object_manager.h"
+#include "ps/notify.h"
 #include "ps/process.h"
 #include "verifier.h"
 
@@ -35,6 +36,7 @@ struct Kernel {
   Pool pool;
   ObjectManager ob;
   ProcessManager ps;
+  Notifications notify;
   IoManager io;
   Registry cm;
 };

@@ -17,6 +17,19 @@ namespace {
 constexpr NTSTATUS kStatusImageAlreadyLoaded = (NTSTATUS)0xC000010EL;
 constexpr NTSTATUS kStatusInvalidImageFormat = (NTSTATUS)0xC000007BL;
 
+HANDLE IdHandle(uint64_t id) { return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(id)); }
+
+// A counted string over text that outlives it.
+UNICODE_STRING Counted(std::u16string& text) {
+  auto bytes = static_cast<USHORT>(text.size() * sizeof(WCHAR));
+  return UNICODE_STRING{bytes, bytes, reinterpret_cast<PWSTR>(text.data())};
+}
+
+[[noreturn]] void Stop(const std::string& what) {
+  std::fprintf(stderr, "ntsim: %s\n", what.c_str());
+  std::abort();
+}
+
 std::string Hex(uint64_t value, int digits = 8) {
   char text[32];
   std::snprintf(text, sizeof text, "%0*llx", digits, static_cast<unsigned long long>(value));
@@ -34,45 +47,49 @@ std::string Verdict::Report() const {
 
 // ---------------------------------------------------------------------------------------------
 
-UserProcess::UserProcess(World& world, _KPROCESS* process, _KTHREAD* thread)
-    : world_(world), process_(process), thread_(thread) {}
+UserProcess::UserProcess(World& world, _KPROCESS* process, _KTHREAD* initialThread)
+    : world_(world), process_(process), initialThreadId_(initialThread ? initialThread->id : 0) {}
 
 uint64_t UserProcess::Id() const { return process_->id; }
 
+bool UserProcess::Exited() const { return world_.kernel().ps.FindProcess(process_->id) != process_; }
+
+_KTHREAD* UserProcess::Thread() { return world_.kernel().ps.ActingThread(process_); }
+
 NTSTATUS UserProcess::CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle) {
-  ThreadScope scope(thread_, UserMode);
+  ThreadScope scope(Thread(), UserMode);
   return world_.kernel().io.UserCreateFile(path, access, handle);
 }
 
 IoResult UserProcess::DeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
                                       ULONG outLength) {
-  ThreadScope scope(thread_, UserMode);
+  ThreadScope scope(Thread(), UserMode);
   return world_.kernel().io.UserDeviceIoControl(handle, code, in, inLength, out, outLength);
 }
 
 IoResult UserProcess::ReadFile(HANDLE handle, void* buffer, ULONG length) {
-  ThreadScope scope(thread_, UserMode);
+  ThreadScope scope(Thread(), UserMode);
   return world_.kernel().io.UserRead(handle, buffer, length);
 }
 
 IoResult UserProcess::WriteFile(HANDLE handle, const void* buffer, ULONG length) {
-  ThreadScope scope(thread_, UserMode);
+  ThreadScope scope(Thread(), UserMode);
   return world_.kernel().io.UserWrite(handle, buffer, length);
 }
 
 IoResult UserProcess::SendRequest(HANDLE handle, UCHAR majorFunction) {
-  ThreadScope scope(thread_, UserMode);
+  ThreadScope scope(Thread(), UserMode);
   return world_.kernel().io.UserSendMajor(handle, majorFunction);
 }
 
 NTSTATUS UserProcess::CloseHandle(HANDLE handle) {
-  ThreadScope scope(thread_, UserMode);
+  ThreadScope scope(Thread(), UserMode);
   return world_.kernel().io.UserCloseHandle(handle);
 }
 
 NTSTATUS UserProcess::SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type,
                                        const void* data, ULONG size) {
-  ThreadScope scope(thread_, UserMode);
+  ThreadScope scope(Thread(), UserMode);
   Registry& cm = world_.kernel().cm;
   if (!cm.Find(keyPath)) cm.CreatePath(keyPath);  // RegCreateKeyEx, level by level
   UNICODE_STRING path{static_cast<USHORT>(keyPath.size() * 2), static_cast<USHORT>(keyPath.size() * 2),
@@ -141,7 +158,6 @@ void World::Boot() {
   StartFileSystem(kernel_->io, files_);
   kernel_->ob.CreateSymbolicLink(u"\\SystemRoot", u"\\Device\\HarddiskVolume3\\Windows", nullptr);
   kernel_->ob.CreateSymbolicLink(u"\\??\\C:", u"\\Device\\HarddiskVolume3", nullptr);
-  systemThread_ = kernel_->ps.CreateThread(kernel_->ps.System());
 }
 
 FileNode* World::FindFile(const std::u16string& ntPath, Volume** volume, std::u16string* key) {
@@ -200,9 +216,11 @@ void World::FailWrites(const std::u16string& ntPath, NTSTATUS status) {
 }
 
 void World::PowerOff() {
-  processes_.clear();
+  {
+    std::lock_guard<std::mutex> lock(processesMutex_);
+    processes_.clear();
+  }
   driver_ = nullptr;
-  systemThread_ = nullptr;
   kernel_.reset();
   SetKernel(nullptr);
 }
@@ -298,6 +316,14 @@ Verdict World::CheckDriverLeftovers(const char* when) {
     verdict.findings.push_back({when, std::to_string(n) + " registry callback(s) still registered"});
     dangling = true;
   }
+  Notifications::Counts notify = k.notify.Registered();
+  if (notify.Total()) {
+    verdict.findings.push_back({when, std::to_string(notify.Total()) + " notify routine(s) still registered (" +
+                                          std::to_string(notify.process) + " process, " +
+                                          std::to_string(notify.thread) + " thread, " +
+                                          std::to_string(notify.image) + " load-image)"});
+    dangling = true;
+  }
   for (PDEVICE_OBJECT device : k.io.ShutdownDevices()) {
     if (device->DriverObject == driver_) {
       verdict.findings.push_back({when, "shutdown notification still registered"});
@@ -352,11 +378,113 @@ void World::Crash() {
   Boot();
 }
 
+UserProcess& World::CreateProcess(const ProcessSpec& spec) {
+  Kernel& k = *kernel_;
+  _KPROCESS* parent = k.ps.FindProcess(spec.parentPid);
+  if (!parent) Stop("CreateProcess: the parent process " + std::to_string(spec.parentPid) + " is not running");
+  _KTHREAD* creator = k.ps.ActingThread(parent);
+  _KPROCESS* process = k.ps.CreateProcess(spec.pid, spec.imagePath, spec.parentPid, spec.commandLine);
+  if (!process) Stop("CreateProcess: process id " + std::to_string(spec.pid) + " is in use");
+  _KTHREAD* initial = k.ps.CreateThread(process, true);
+  UserProcess* user;
+  {
+    std::lock_guard<std::mutex> lock(processesMutex_);
+    processes_.push_back(std::make_unique<UserProcess>(*this, process, initial));
+    user = processes_.back().get();
+  }
+  {
+    ThreadScope scope(creator, parent->isSystem ? KernelMode : UserMode);
+    std::u16string imagePath = spec.imagePath, commandLine = spec.commandLine;  // what the routines see
+    UNICODE_STRING imageName = Counted(imagePath), command = Counted(commandLine);
+    PS_CREATE_NOTIFY_INFO info = {};
+    info.Size = sizeof info;
+    info.FileOpenNameAvailable = TRUE;
+    info.ParentProcessId = IdHandle(spec.parentPid);
+    info.CreatingThreadId.UniqueProcess = IdHandle(parent->id);
+    info.CreatingThreadId.UniqueThread = IdHandle(creator->id);
+    info.FileObject = ReferenceImageFile(spec.imagePath);
+    info.ImageFileName = &imageName;
+    info.CommandLine = commandLine.empty() ? nullptr : &command;
+    info.CreationStatus = STATUS_SUCCESS;
+    k.notify.ProcessCreated(process, IdHandle(process->id), IdHandle(spec.parentPid), &info);
+    k.ob.Dereference(info.FileObject);
+    user->creationStatus_ = info.CreationStatus;
+    k.notify.ThreadCreated(IdHandle(process->id), IdHandle(initial->id));
+  }
+  k.ps.OfferThread(process, initial);
+  return *user;
+}
+
 UserProcess& World::StartProcess(const std::u16string& imageName) {
-  _KPROCESS* process = kernel_->ps.CreateProcess(0, imageName, 4);
-  _KTHREAD* thread = kernel_->ps.CreateThread(process);
-  processes_.push_back(std::make_unique<UserProcess>(*this, process, thread));
-  return *processes_.back();
+  ProcessSpec spec;
+  spec.imagePath = imageName.rfind(u"\\", 0) == 0 ? imageName : u"\\??\\C:\\Windows\\System32\\" + imageName;
+  return CreateProcess(spec);
+}
+
+void World::EndThread(_KTHREAD* thread) {
+  Kernel& k = *kernel_;
+  ProcessManager::ThreadEnd end = k.ps.EndThread(thread);
+  if (!end.ended) return;
+  _KPROCESS* process = thread->process;
+  ThreadScope scope(thread, KernelMode);
+  if (thread->announced) k.notify.ThreadExited(IdHandle(process->id), IdHandle(thread->id));
+  if (end.last) {
+    k.notify.ProcessExited(process, IdHandle(process->id), IdHandle(process->parentId));
+    k.ob.CloseAll(process->handles);
+  }
+}
+
+void World::ExitProcess(UserProcess& process) {
+  std::vector<_KTHREAD*> threads;
+  if (!kernel_->ps.BeginExit(process.Process(), &threads)) return;
+  for (_KTHREAD* thread : threads) EndThread(thread);
+}
+
+uint64_t World::StartThread(UserProcess& process, UserProcess* creator) {
+  Kernel& k = *kernel_;
+  _KPROCESS* creatorProcess = creator ? creator->Process() : process.Process();
+  _KTHREAD* creating = k.ps.ActingThread(creatorProcess);
+  _KTHREAD* thread = k.ps.CreateThread(process.Process(), true);
+  ThreadScope scope(creating, UserMode);
+  k.notify.ThreadCreated(IdHandle(process.Id()), IdHandle(thread->id));
+  return thread->id;
+}
+
+void World::ExitThread(uint64_t threadId) {
+  _KTHREAD* thread = kernel_->ps.FindThread(threadId);
+  if (!thread) return;
+  if (thread->process->isSystem) Stop("ExitThread: thread " + std::to_string(threadId) + " is a System thread");
+  EndThread(thread);
+}
+
+void World::NotifyImage(const std::u16string& ntImagePath, uint64_t processId, uint64_t base, uint64_t size,
+                        bool kernelImage) {
+  std::u16string path = ntImagePath;  // what the routines see
+  UNICODE_STRING name = Counted(path);
+  IMAGE_INFO_EX info = {};
+  info.Size = sizeof info;
+  info.ImageInfo.ImageAddressingMode = IMAGE_ADDRESSING_MODE_32BIT;
+  info.ImageInfo.SystemModeImage = kernelImage ? 1 : 0;
+  info.ImageInfo.ExtendedInfoPresent = 1;
+  info.ImageInfo.ImageBase = reinterpret_cast<PVOID>(static_cast<uintptr_t>(base));
+  info.ImageInfo.ImageSize = size;
+  info.FileObject = ReferenceImageFile(ntImagePath);
+  kernel_->notify.ImageLoaded(&name, IdHandle(processId), &info.ImageInfo);
+  kernel_->ob.Dereference(info.FileObject);
+}
+
+void World::MapImage(UserProcess& process, const std::u16string& ntImagePath, uint64_t base, uint64_t size) {
+  ThreadScope scope(kernel_->ps.ActingThread(process.Process()), UserMode);
+  NotifyImage(ntImagePath, process.Id(), base, size, false);
+}
+
+void World::LoadKernelImage(const std::u16string& ntImagePath, uint64_t base, uint64_t size) {
+  ThreadScope scope(kernel_->ps.ActingThread(kernel_->ps.System()), KernelMode);
+  NotifyImage(ntImagePath, 0, base, size, true);
+}
+
+void World::FailNotifyRegistration(const std::string& routine, NTSTATUS status) {
+  kernel_->notify.FailRegistration(routine, status);
 }
 
 void World::SetRegistryValueDirect(const std::u16string& keyPath, const std::u16string& name, ULONG type,
@@ -370,8 +498,18 @@ void World::SetRegistryDwordDirect(const std::u16string& keyPath, const std::u16
 
 NTSTATUS World::SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type,
                                  const void* data, ULONG size) {
-  if (processes_.empty()) StartProcess(u"regedit.exe");
-  return processes_.front()->SetRegistryValue(keyPath, name, type, data, size);
+  UserProcess* writer = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(processesMutex_);
+    for (auto& process : processes_) {
+      if (!process->Exited()) {
+        writer = process.get();
+        break;
+      }
+    }
+  }
+  if (!writer) writer = &StartProcess(u"regedit.exe");
+  return writer->SetRegistryValue(keyPath, name, type, data, size);
 }
 
 NTSTATUS World::SetRegistryDword(const std::u16string& keyPath, const std::u16string& name, ULONG value) {

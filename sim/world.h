@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -21,11 +22,23 @@ struct Verdict {
 
 class World;
 
-// A user-mode process: opens devices and issues requests as the Win32 routines would.
+// A process to create: its id (0: the next free one), its parent (the System process by default),
+// and its executable's NT path and command line as the creation notifications report them.
+struct ProcessSpec {
+  uint64_t pid = 0;
+  uint64_t parentPid = 4;
+  std::u16string imagePath;  // "\??\C:\Windows\System32\notepad.exe"
+  std::u16string commandLine;
+};
+
+// A user-mode process: opens devices and issues requests as the Win32 routines would. Each host
+// thread that calls it acts as a thread of its own in the process (the first as its initial
+// thread), so several host threads may use one process at once.
 class UserProcess {
  public:
-  UserProcess(World& world, _KPROCESS* process, _KTHREAD* thread);
+  UserProcess(World& world, _KPROCESS* process, _KTHREAD* initialThread);
   uint64_t Id() const;
+  uint64_t InitialThreadId() const { return initialThreadId_; }
   // "\\.\Sentrel" or an NT path; returns the status CreateFile would have got from the kernel.
   NTSTATUS CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle);
   IoResult DeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out, ULONG outLength);
@@ -37,11 +50,20 @@ class UserProcess {
   NTSTATUS SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type, const void* data,
                             ULONG size);
   _KPROCESS* Process() { return process_; }
+  // Whether the process has exited (ExitProcess, or its last thread ended).
+  bool Exited() const;
+  // What the process-creation routines left in CreationStatus. A routine may refuse the process
+  // by setting an error there; the world records the answer but creates the process all the same.
+  NTSTATUS CreationStatus() const { return creationStatus_; }
 
  private:
+  friend class World;
+  _KTHREAD* Thread();  // the calling host thread's thread in this process
+
   World& world_;
   _KPROCESS* process_;
-  _KTHREAD* thread_;
+  uint64_t initialThreadId_;
+  NTSTATUS creationStatus_ = STATUS_SUCCESS;
 };
 
 class World {
@@ -80,7 +102,29 @@ class World {
   // The machine stops at once: nothing is unloaded or notified; it boots again as it was left.
   void Crash();
 
+  // Processes, threads and images. Each of these may be called from several host threads at once;
+  // the notifications run on the calling host thread, in the simulated thread the kernel documents:
+  //  - process creation: a thread of the parent (the calling host thread's thread there), inside a
+  //    critical region; then the initial thread's creation, in the same thread;
+  //  - thread creation: the creating thread (of `creator`, or else of the process itself);
+  //  - thread exit: the exiting thread; process exit: its last thread, after that thread's exit,
+  //    inside a critical region; the process's handles are closed then;
+  //  - image mapping: a thread of the process the image is mapped into (kernel images: the System
+  //    process, with process id 0 and SystemModeImage set), inside a critical region.
+  // Ending a process or thread that has already ended does nothing. A process must not be used by
+  // other host threads while it exits.
+  UserProcess& CreateProcess(const ProcessSpec& spec);
+  // CreateProcess with the System process as parent; a bare file name is taken from System32.
   UserProcess& StartProcess(const std::u16string& imageName);
+  void ExitProcess(UserProcess& process);
+  // The new thread's id.
+  uint64_t StartThread(UserProcess& process, UserProcess* creator = nullptr);
+  void ExitThread(uint64_t threadId);
+  void MapImage(UserProcess& process, const std::u16string& ntImagePath, uint64_t base, uint64_t size);
+  void LoadKernelImage(const std::u16string& ntImagePath, uint64_t base, uint64_t size);
+  // Makes the named notify-registration routine ("PsSetCreateProcessNotifyRoutineEx2", ...) fail
+  // with the status when it registers a routine; STATUS_SUCCESS makes it work again.
+  void FailNotifyRegistration(const std::string& routine, NTSTATUS status);
 
   // Registry set-up, with no callbacks (as if done before the driver loaded).
   void SetRegistryValueDirect(const std::u16string& keyPath, const std::u16string& name, ULONG type,
@@ -102,10 +146,11 @@ class World {
   // A buffer whose reads fault, for handing to the driver as a caller's bad pointer.
   void* FaultingBuffer(size_t size) { return kernel_->faults.ReserveFaultingRange(size); }
 
-  // Runs fn as the system's driver-load thread (PASSIVE_LEVEL, kernel mode).
+  // Runs fn as the calling host thread's system thread (PASSIVE_LEVEL, kernel mode): on the host
+  // thread that loads the driver, the driver-load thread.
   template <typename Fn>
   auto AsSystem(Fn fn) {
-    ThreadScope scope(systemThread_, KernelMode);
+    ThreadScope scope(kernel_->ps.ActingThread(kernel_->ps.System()), KernelMode);
     return fn();
   }
 
@@ -115,12 +160,15 @@ class World {
   Verdict CheckDriverLeftovers(const char* when);
   void CloseImage();
   FileNode* FindFile(const std::u16string& ntPath, Volume** volume, std::u16string* key);
+  void EndThread(_KTHREAD* thread);
+  void NotifyImage(const std::u16string& ntImagePath, uint64_t processId, uint64_t base, uint64_t size,
+                   bool kernelImage);
 
   Options options_;
   std::shared_ptr<KeyNode> hives_;
   std::shared_ptr<FileStore> files_;
   std::unique_ptr<Kernel> kernel_;
-  _KTHREAD* systemThread_ = nullptr;
+  std::mutex processesMutex_;  // guards processes_ (each UserProcess stays where it is)
   std::vector<std::unique_ptr<UserProcess>> processes_;
   void* image_ = nullptr;
   PDRIVER_OBJECT driver_ = nullptr;

@@ -148,6 +148,7 @@ static bool TakeFastMutex(PFAST_MUTEX FastMutex, bool wait, const char* call) {
   if (self->irql > APC_LEVEL) K().verifier.Violation(call, "fast mutex acquired above APC_LEVEL");
   std::unique_lock<std::mutex> lock(DispatcherLock());
   if (FastMutex->Owner == self) {
+    if (!wait) return false;  // a try simply fails, as for any held mutex
     lock.unlock();
     K().verifier.Violation(call, "fast mutex acquired recursively: the thread would wait for itself");
     return false;

@@ -46,10 +46,12 @@ bool QueryDeviceName(void* body, std::u16string* name) {
   return true;
 }
 
-// A file object is named by its device followed by its file name.
+// A file object is named by its device followed by its file name; one with no device (an image
+// that is on no volume) by its file name alone.
 bool QueryFileName(void* body, std::u16string* name) {
   auto* file = static_cast<PFILE_OBJECT>(body);
-  *name = K().ob.FullName(ObjectManager::HeaderOf(file->DeviceObject)) + ToU16(&file->FileName);
+  *name = file->DeviceObject ? K().ob.FullName(ObjectManager::HeaderOf(file->DeviceObject)) + ToU16(&file->FileName)
+                             : ToU16(&file->FileName);
   return true;
 }
 

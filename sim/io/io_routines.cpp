@@ -69,8 +69,13 @@ NTSTATUS NTAPI IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK 
   NTSTATUS status;
   {
     ThreadScope kernelCall(CurrentThread(), KernelMode);
-    // The open happens in the system process's handle table so that no user process sees it.
-    status = K().io.UserCreateFile(ToU16(ObjectName), DesiredAccess, &handle);
+    // A kernel handle, so that no user process sees it.
+    CreateRequest request;
+    request.ntPath = ToU16(ObjectName);
+    request.access = DesiredAccess;
+    request.options = FILE_NON_DIRECTORY_FILE;
+    request.kernelHandle = true;
+    status = K().io.CreateFile(request, &handle, nullptr);
     if (!NT_SUCCESS(status)) return status;
     void* file = nullptr;
     status = K().ob.ReferenceByHandle(handle, *IoFileObjectType, KernelMode, 0, &file, nullptr);

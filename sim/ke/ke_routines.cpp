@@ -52,6 +52,7 @@ BOOLEAN NTAPI KeAreApcsDisabled(void) {
 }
 
 PKTHREAD NTAPI KeGetCurrentThread(void) { return CurrentThread(); }
+ULONG NTAPI KeGetCurrentProcessorNumber(void) { return CurrentThread()->processor; }
 PETHREAD NTAPI PsGetCurrentThread(void) { return CurrentThread(); }
 PEPROCESS NTAPI PsGetCurrentProcess(void) { return CurrentProcess(); }
 HANDLE NTAPI PsGetCurrentProcessId(void) { return reinterpret_cast<HANDLE>(CurrentProcess()->id); }

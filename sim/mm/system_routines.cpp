@@ -21,6 +21,19 @@ const std::unordered_map<std::u16string, void*>& Exports() {
       EXPORT(ExAcquireResourceSharedLite),
       EXPORT(ExAcquireResourceExclusiveLite),
       EXPORT(ExReleaseResourceLite),
+      EXPORT(ExInitializeRundownProtection),
+      EXPORT(ExReInitializeRundownProtection),
+      EXPORT(ExAcquireRundownProtection),
+      EXPORT(ExAcquireRundownProtectionEx),
+      EXPORT(ExReleaseRundownProtection),
+      EXPORT(ExReleaseRundownProtectionEx),
+      EXPORT(ExWaitForRundownProtectionRelease),
+      EXPORT(ExRundownCompleted),
+      EXPORT(ExInitializePushLock),
+      EXPORT(ExfAcquirePushLockExclusive),
+      EXPORT(ExfReleasePushLockExclusive),
+      EXPORT(ExfAcquirePushLockShared),
+      EXPORT(ExfReleasePushLockShared),
       EXPORT(IoCreateDevice),
       EXPORT(IoDeleteDevice),
       EXPORT(IoCreateSymbolicLink),
@@ -39,6 +52,13 @@ const std::unordered_map<std::u16string, void*>& Exports() {
       EXPORT(ObQueryNameString),
       EXPORT(ObReferenceObjectByHandle),
       EXPORT(ObOpenObjectByPointer),
+      EXPORT(PsSetCreateProcessNotifyRoutine),
+      EXPORT(PsSetCreateProcessNotifyRoutineEx),
+      {u"PsSetCreateProcessNotifyRoutineEx2", reinterpret_cast<void*>(&SetCreateProcessNotifyRoutineEx2)},
+      EXPORT(PsSetCreateThreadNotifyRoutine),
+      EXPORT(PsRemoveCreateThreadNotifyRoutine),
+      EXPORT(PsSetLoadImageNotifyRoutine),
+      EXPORT(PsRemoveLoadImageNotifyRoutine),
       EXPORT(CmRegisterCallback),
       EXPORT(CmUnRegisterCallback),
       EXPORT(RtlInitUnicodeString),
@@ -66,6 +86,9 @@ PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName) {
   if (KeGetCurrentIrql() != PASSIVE_LEVEL) {
     K().verifier.Violation("MmGetSystemRoutineAddress", "called above PASSIVE_LEVEL");
   }
-  auto it = Exports().find(ToU16(SystemRoutineName));
+  std::u16string name = ToU16(SystemRoutineName);
+  // Windows 10 added the subsystem-wide process notifications.
+  if (K().config.windowsMajor < 10 && name == u"PsSetCreateProcessNotifyRoutineEx2") return nullptr;
+  auto it = Exports().find(name);
   return it == Exports().end() ? nullptr : it->second;
 }

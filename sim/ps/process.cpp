@@ -1,5 +1,10 @@
 #include "ps/process.h"
 
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
 #include "kernel.h"
 
 namespace ntsim {
@@ -12,8 +17,17 @@ struct Binding {
 };
 thread_local Binding t_binding;
 
+// Host threads by number: unlike std::thread::id, a number is never given to a later host thread,
+// which must not inherit a dead host thread's simulated threads (and their IRQL or regions).
+std::atomic<uint64_t> g_hostThreads{0};
+thread_local const uint64_t t_hostThread = ++g_hostThreads;
+
 void DestroyProcess(void* body) { static_cast<_KPROCESS*>(body)->~_KPROCESS(); }
 void DestroyThread(void* body) { static_cast<_KTHREAD*>(body)->~_KTHREAD(); }
+
+void Forget(std::vector<_KTHREAD*>& threads, _KTHREAD* thread) {
+  threads.erase(std::remove(threads.begin(), threads.end(), thread), threads.end());
+}
 
 }  // namespace
 
@@ -28,12 +42,11 @@ void ProcessManager::Boot(ObjectManager& ob) {
 }
 
 void ProcessManager::Teardown() {
-  std::vector<_KTHREAD*> threads;
-  std::vector<_KPROCESS*> processes;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    threads.swap(threads_);
-    processes.swap(processes_);
+    objects_.clear();
+    liveProcesses_.clear();
+    liveThreads_.clear();
   }
   // The machine goes away: handles are not closed (no driver may run now); the object manager
   // frees what is left.
@@ -47,39 +60,121 @@ uint64_t ProcessManager::NewId() {
   return id;
 }
 
-_KPROCESS* ProcessManager::CreateProcess(uint64_t id, const std::u16string& imageName, uint64_t parentId) {
+_KPROCESS* ProcessManager::CreateProcess(uint64_t id, const std::u16string& imagePath, uint64_t parentId,
+                                         const std::u16string& commandLine) {
   _KPROCESS* process = ob_->CreateObjectOf<_KPROCESS>(&ob_->types.process);
   process->id = id ? id : NewId();
-  process->imageName = imageName;
+  size_t slash = imagePath.find_last_of(u'\\');
+  process->imageName = slash == std::u16string::npos ? imagePath : imagePath.substr(slash + 1);
+  process->imagePath = imagePath;
+  process->commandLine = commandLine;
   process->parentId = parentId;
   std::lock_guard<std::mutex> lock(mutex_);
-  processes_.push_back(process);
+  if (!liveProcesses_.emplace(process->id, process).second) {
+    ob_->Dereference(process);
+    return nullptr;
+  }
+  objects_.push_back(process);
   if (process->id >= nextId_) nextId_ = (process->id + 4) & ~uint64_t(3);
   return process;
 }
 
-_KTHREAD* ProcessManager::CreateThread(_KPROCESS* process) {
+_KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced) {
   _KTHREAD* thread = ob_->CreateObjectOf<_KTHREAD>(&ob_->types.thread);
   thread->id = NewId();
   thread->process = process;
+  thread->announced = announced;
+  int processors = std::max(1, K().config.processors);
   std::lock_guard<std::mutex> lock(mutex_);
-  threads_.push_back(thread);
+  if (process->exiting) {
+    std::fprintf(stderr, "ntsim: a thread is started in process %llu after its exit began\n",
+                 static_cast<unsigned long long>(process->id));
+    std::abort();
+  }
+  thread->processor = static_cast<ULONG>(nextProcessor_++ % static_cast<uint64_t>(processors));
+  objects_.push_back(thread);
+  liveThreads_[thread->id] = thread;
+  process->threads.push_back(thread);
+  return thread;
+}
+
+void ProcessManager::OfferThread(_KPROCESS* process, _KTHREAD* thread) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  process->spare = thread;
+}
+
+_KTHREAD* ProcessManager::ActingThread(_KPROCESS* process) {
+  uint64_t self = t_hostThread;
+  bool exiting;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = process->acting.find(self);
+    if (it != process->acting.end()) return it->second;
+    exiting = process->exiting;
+    if (!exiting && process->spare) {
+      _KTHREAD* thread = process->spare;
+      process->spare = nullptr;
+      process->acting[self] = thread;
+      return thread;
+    }
+  }
+  _KTHREAD* thread = exiting ? nullptr : CreateThread(process);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!thread || process->exiting) {
+    std::fprintf(stderr, "ntsim: a host thread acts in process %llu after its exit began\n",
+                 static_cast<unsigned long long>(process->id));
+    std::abort();
+  }
+  process->acting[self] = thread;
   return thread;
 }
 
 _KPROCESS* ProcessManager::FindProcess(uint64_t id) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (_KPROCESS* process : processes_) {
-    if (process->id == id) return process;
+  auto it = liveProcesses_.find(id);
+  return it == liveProcesses_.end() ? nullptr : it->second;
+}
+
+_KTHREAD* ProcessManager::FindThread(uint64_t id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = liveThreads_.find(id);
+  return it == liveThreads_.end() ? nullptr : it->second;
+}
+
+ProcessManager::ThreadEnd ProcessManager::EndThread(_KTHREAD* thread) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ThreadEnd end;
+  if (thread->exited) return end;
+  thread->exited = true;
+  end.ended = true;
+  liveThreads_.erase(thread->id);
+  _KPROCESS* process = thread->process;
+  Forget(process->threads, thread);
+  for (auto it = process->acting.begin(); it != process->acting.end();) {
+    it = it->second == thread ? process->acting.erase(it) : std::next(it);
   }
-  return nullptr;
+  if (process->spare == thread) process->spare = nullptr;
+  if (process->threads.empty()) {
+    end.last = true;
+    process->exiting = true;
+    liveProcesses_.erase(process->id);
+  }
+  return end;
+}
+
+bool ProcessManager::BeginExit(_KPROCESS* process, std::vector<_KTHREAD*>* threads) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (process->exiting) return false;
+  process->exiting = true;
+  *threads = process->threads;
+  return true;
 }
 
 _KTHREAD* CurrentThread() {
   Kernel& kernel = K();
   if (t_binding.thread && t_binding.generation == kernel.generation) return t_binding.thread;
   // A host thread that was never bound acts as a system thread of its own.
-  t_binding.thread = kernel.ps.CreateThread(kernel.ps.System());
+  t_binding.thread = kernel.ps.ActingThread(kernel.ps.System());
   t_binding.generation = kernel.generation;
   return t_binding.thread;
 }

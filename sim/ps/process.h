@@ -1,12 +1,21 @@
-// Simulated processes and threads: just what the object manager, the I/O manager and the
-// current-thread queries need. Every host thread that acts in the simulated kernel is bound to a
-// simulated thread: explicitly by a ThreadScope, or else adopted as a system thread on first use.
+// Simulated processes and threads: what the object manager, the I/O manager, the notifications and
+// the current-thread queries need. Every host thread that acts in the simulated kernel runs as a
+// simulated thread of its own, never shared with another host thread: explicitly by a ThreadScope,
+// or else as its acting thread in the System process, made on first use.
+//
+// Each host thread has at most one acting thread per process (ProcessManager::ActingThread): the
+// first host thread to act in a new process acts as its initial thread, any other gets a thread of
+// its own in that process, made silently (as if it had run since before anyone listened: no
+// creation or exit notification is delivered for it). Threads that the world starts explicitly are
+// not acting threads of any host thread; they run only for their own exit.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "ob/object_manager.h"
@@ -14,9 +23,17 @@
 struct _KPROCESS {
   uint64_t id = 0;
   uint64_t parentId = 0;
-  std::u16string imageName;
+  std::u16string imageName;  // the executable's file name: "agent.exe"
+  std::u16string imagePath;  // its NT path: "\??\C:\Windows\System32\agent.exe"
+  std::u16string commandLine;
   bool isSystem = false;
   ntsim::HandleTable handles{false};
+
+  // Guarded by the process manager's lock.
+  bool exiting = false;                           // its exit has begun: no host thread may start acting in it
+  std::vector<_KTHREAD*> threads;                 // live threads, in creation order
+  std::map<uint64_t, _KTHREAD*> acting;           // host thread (its number) -> the thread it acts as here
+  _KTHREAD* spare = nullptr;                      // the initial thread, until a host thread acts as it
 };
 
 struct _KTHREAD {
@@ -25,6 +42,9 @@ struct _KTHREAD {
   KIRQL irql = PASSIVE_LEVEL;
   int kernelApcDisable = 0;  // raised by KeEnterCriticalRegion
   KPROCESSOR_MODE previousMode = KernelMode;
+  ULONG processor = 0;       // the processor it runs on, fixed at creation
+  bool announced = false;    // its creation was notified, so its exit will be
+  bool exited = false;       // guarded by the process manager's lock
 };
 
 namespace ntsim {
@@ -34,18 +54,44 @@ class ProcessManager {
   void Boot(ObjectManager& ob);
   void Teardown();
   _KPROCESS* System() { return system_; }
-  _KPROCESS* CreateProcess(uint64_t id, const std::u16string& imageName, uint64_t parentId);
-  _KTHREAD* CreateThread(_KPROCESS* process);
+
+  // A new live process with no threads, named by its executable's path (its image name is the
+  // path's last component); null if the id is taken by a live process (id 0: the next free id).
+  _KPROCESS* CreateProcess(uint64_t id, const std::u16string& imagePath, uint64_t parentId,
+                           const std::u16string& commandLine = std::u16string());
+  // A new live thread of the process, on the next processor in turn. Nothing is notified here;
+  // announced says whether the caller notifies its creation (and so its exit will be notified).
+  _KTHREAD* CreateThread(_KPROCESS* process, bool announced = false);
+  // The next host thread that starts acting in the process acts as this thread.
+  void OfferThread(_KPROCESS* process, _KTHREAD* thread);
+  // The calling host thread's thread in the process (see above). Acting in a process whose exit has
+  // begun stops the run with a message: the test uses a process it ended.
+  _KTHREAD* ActingThread(_KPROCESS* process);
+
+  // Live processes and threads by id; null if none.
   _KPROCESS* FindProcess(uint64_t id);
+  _KTHREAD* FindThread(uint64_t id);
+
+  struct ThreadEnd {
+    bool ended = false;  // false: it had ended already
+    bool last = false;   // it was its process's last live thread: the process goes with it
+  };
+  // Ends a live thread; no host thread acts as it any more.
+  ThreadEnd EndThread(_KTHREAD* thread);
+  // Begins a process's exit: its live threads, in creation order; false if its exit had begun.
+  bool BeginExit(_KPROCESS* process, std::vector<_KTHREAD*>* threads);
+
   uint64_t NewId();
 
  private:
   std::mutex mutex_;
   ObjectManager* ob_ = nullptr;
   _KPROCESS* system_ = nullptr;
-  std::vector<_KPROCESS*> processes_;  // each holds a reference
-  std::vector<_KTHREAD*> threads_;     // each holds a reference
+  std::vector<void*> objects_;  // every process and thread made, each holding a reference
+  std::unordered_map<uint64_t, _KPROCESS*> liveProcesses_;
+  std::unordered_map<uint64_t, _KTHREAD*> liveThreads_;
   uint64_t nextId_ = 8;
+  uint64_t nextProcessor_ = 0;
 };
 
 // The simulated thread the calling host thread runs as.

@@ -58,6 +58,18 @@ typedef struct _FAST_MUTEX {
   ULONG OldIrql;
 } FAST_MUTEX, *PFAST_MUTEX;
 
+// Rundown protection: Count holds the references in units of 2, bit 0 set once a rundown began.
+typedef struct _EX_RUNDOWN_REF {
+  union {
+    volatile ULONG_PTR Count;
+    volatile PVOID Ptr;
+  };
+} EX_RUNDOWN_REF, *PEX_RUNDOWN_REF;
+
+// Push locks: bit 0 is the lock bit, held while owned exclusively.
+#define EX_PUSH_LOCK ULONG_PTR
+#define PEX_PUSH_LOCK PULONG_PTR
+
 typedef NTSTATUS NTAPI EX_CALLBACK_FUNCTION(PVOID CallbackContext, PVOID Argument1, PVOID Argument2);
 typedef EX_CALLBACK_FUNCTION *PEX_CALLBACK_FUNCTION;
 
@@ -88,6 +100,21 @@ BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait);
 VOID NTAPI ExReleaseResourceLite(PERESOURCE Resource);
 BOOLEAN NTAPI ExIsResourceAcquiredExclusiveLite(PERESOURCE Resource);
 ULONG NTAPI ExIsResourceAcquiredSharedLite(PERESOURCE Resource);
+
+VOID NTAPI ExInitializeRundownProtection(PEX_RUNDOWN_REF RunRef);
+VOID NTAPI ExReInitializeRundownProtection(PEX_RUNDOWN_REF RunRef);
+BOOLEAN NTAPI ExAcquireRundownProtection(PEX_RUNDOWN_REF RunRef);
+BOOLEAN NTAPI ExAcquireRundownProtectionEx(PEX_RUNDOWN_REF RunRef, ULONG Count);
+VOID NTAPI ExReleaseRundownProtection(PEX_RUNDOWN_REF RunRef);
+VOID NTAPI ExReleaseRundownProtectionEx(PEX_RUNDOWN_REF RunRef, ULONG Count);
+VOID NTAPI ExWaitForRundownProtectionRelease(PEX_RUNDOWN_REF RunRef);
+VOID NTAPI ExRundownCompleted(PEX_RUNDOWN_REF RunRef);
+
+VOID NTAPI ExInitializePushLock(PEX_PUSH_LOCK PushLock);
+VOID FASTCALL ExfAcquirePushLockExclusive(PEX_PUSH_LOCK PushLock);
+VOID FASTCALL ExfReleasePushLockExclusive(PEX_PUSH_LOCK PushLock);
+VOID FASTCALL ExfAcquirePushLockShared(PEX_PUSH_LOCK PushLock);
+VOID FASTCALL ExfReleasePushLockShared(PEX_PUSH_LOCK PushLock);
 
 VOID NTAPI ExInitializeFastMutex(PFAST_MUTEX FastMutex);
 VOID NTAPI ExAcquireFastMutex(PFAST_MUTEX FastMutex);

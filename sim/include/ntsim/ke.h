@@ -20,6 +20,12 @@ typedef struct _KEVENT {
   } Header;
 } KEVENT, *PKEVENT, *PRKEVENT;
 
+// A full memory barrier: a locked exchange, as on x64.
+static inline VOID KeMemoryBarrier(void) {
+  static volatile LONG barrier;
+  __atomic_exchange_n(&barrier, 0, __ATOMIC_SEQ_CST);
+}
+
 #define EVENT_INCREMENT 1
 #define IO_NO_INCREMENT 0
 
@@ -33,6 +39,7 @@ VOID NTAPI KeLeaveCriticalRegion(void);
 BOOLEAN NTAPI KeAreApcsDisabled(void);
 
 PKTHREAD NTAPI KeGetCurrentThread(void);
+ULONG NTAPI KeGetCurrentProcessorNumber(void);
 PETHREAD NTAPI PsGetCurrentThread(void);
 PEPROCESS NTAPI PsGetCurrentProcess(void);
 HANDLE NTAPI PsGetCurrentProcessId(void);

@@ -1,0 +1,84 @@
+// Process, thread and image-load notifications.
+#pragma once
+
+#include "ntsim/io.h"
+
+typedef struct _CLIENT_ID {
+  HANDLE UniqueProcess;
+  HANDLE UniqueThread;
+} CLIENT_ID, *PCLIENT_ID;
+
+typedef VOID NTAPI CREATE_PROCESS_NOTIFY_ROUTINE(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create);
+typedef CREATE_PROCESS_NOTIFY_ROUTINE *PCREATE_PROCESS_NOTIFY_ROUTINE;
+
+typedef struct _PS_CREATE_NOTIFY_INFO {
+  SIZE_T Size;
+  union {
+    ULONG Flags;
+    struct {
+      ULONG FileOpenNameAvailable : 1;
+      ULONG IsSubsystemProcess : 1;
+      ULONG Reserved : 30;
+    };
+  };
+  HANDLE ParentProcessId;
+  CLIENT_ID CreatingThreadId;
+  struct _FILE_OBJECT *FileObject;
+  PCUNICODE_STRING ImageFileName;
+  PCUNICODE_STRING CommandLine;
+  NTSTATUS CreationStatus;
+} PS_CREATE_NOTIFY_INFO, *PPS_CREATE_NOTIFY_INFO;
+
+typedef VOID NTAPI CREATE_PROCESS_NOTIFY_ROUTINE_EX(PEPROCESS Process, HANDLE ProcessId,
+                                                    PPS_CREATE_NOTIFY_INFO CreateInfo);
+typedef CREATE_PROCESS_NOTIFY_ROUTINE_EX *PCREATE_PROCESS_NOTIFY_ROUTINE_EX;
+
+// PsSetCreateProcessNotifyRoutineEx2 is not declared: drivers find it with MmGetSystemRoutineAddress,
+// since older kernels lack it.
+typedef enum _PSCREATEPROCESSNOTIFYTYPE { PsCreateProcessNotifySubsystems = 0 } PSCREATEPROCESSNOTIFYTYPE;
+
+typedef VOID NTAPI CREATE_THREAD_NOTIFY_ROUTINE(HANDLE ProcessId, HANDLE ThreadId, BOOLEAN Create);
+typedef CREATE_THREAD_NOTIFY_ROUTINE *PCREATE_THREAD_NOTIFY_ROUTINE;
+
+#define IMAGE_ADDRESSING_MODE_32BIT 3
+
+typedef struct _IMAGE_INFO {
+  union {
+    ULONG Properties;
+    struct {
+      ULONG ImageAddressingMode : 8;
+      ULONG SystemModeImage : 1;
+      ULONG ImageMappedToAllPids : 1;
+      ULONG ExtendedInfoPresent : 1;
+      ULONG MachineTypeMismatch : 1;
+      ULONG ImageSignatureLevel : 4;
+      ULONG ImageSignatureType : 3;
+      ULONG ImagePartialMap : 1;
+      ULONG Reserved : 12;
+    };
+  };
+  PVOID ImageBase;
+  ULONG ImageSelector;
+  SIZE_T ImageSize;
+  ULONG ImageSectionNumber;
+} IMAGE_INFO, *PIMAGE_INFO;
+
+typedef struct _IMAGE_INFO_EX {
+  SIZE_T Size;
+  IMAGE_INFO ImageInfo;
+  struct _FILE_OBJECT *FileObject;
+} IMAGE_INFO_EX, *PIMAGE_INFO_EX;
+
+typedef VOID NTAPI LOAD_IMAGE_NOTIFY_ROUTINE(PUNICODE_STRING FullImageName, HANDLE ProcessId, PIMAGE_INFO ImageInfo);
+typedef LOAD_IMAGE_NOTIFY_ROUTINE *PLOAD_IMAGE_NOTIFY_ROUTINE;
+
+NTSIM_BEGIN_DECLS
+
+NTSTATUS NTAPI PsSetCreateProcessNotifyRoutine(PCREATE_PROCESS_NOTIFY_ROUTINE NotifyRoutine, BOOLEAN Remove);
+NTSTATUS NTAPI PsSetCreateProcessNotifyRoutineEx(PCREATE_PROCESS_NOTIFY_ROUTINE_EX NotifyRoutine, BOOLEAN Remove);
+NTSTATUS NTAPI PsSetCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE NotifyRoutine);
+NTSTATUS NTAPI PsRemoveCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE NotifyRoutine);
+NTSTATUS NTAPI PsSetLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE NotifyRoutine);
+NTSTATUS NTAPI PsRemoveLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE NotifyRoutine);
+
+NTSIM_END_DECLS

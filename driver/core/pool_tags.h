@@ -9,3 +9,4 @@
 #define SK_TAG_FAST_MUTEX 'fttG'     // "Gttf": fast mutexes of the message queues
 #define SK_TAG_SECURITY 'dsTg'       // "gTsd": security descriptors built from SDDL
 #define SK_TAG_LOAD_GUARD 'glTg'     // "gTlg": the load guard's read-back buffer
+#define SK_TAG_CALLBACK_BLOCK 'brbC'  // "Cbrb": subscriber blocks of the notification multiplexer

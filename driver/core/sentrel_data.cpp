@@ -3,6 +3,7 @@
 #include "core/debug_log.h"
 #include "core/pool_tags.h"
 #include "core/record_tags.h"
+#include "monitor/callback_plus.h"
 #include "monitor/image_record.h"
 #include "names/string_block.h"
 
@@ -11,7 +12,7 @@
 SENTREL_DATA SentrelData;
 
 // The managers, in start-up order; they stop in the reverse order. Each later manager takes its
-// place here as it lands (callback multiplexer, ring buffers, communication, stack hook, path
+// place here as it lands (after the multiplexer: ring buffers, communication, stack hook, path
 // cache, black and white rule sets, logon table, DOS names, images, processes, package cache,
 // message queues, producer interface).
 typedef struct _SK_MANAGER {
@@ -22,6 +23,7 @@ typedef struct _SK_MANAGER {
 } SK_MANAGER;
 
 static const SK_MANAGER SkManagers[] = {
+    {"sk_InitCallbackPlus", sk_InitCallbackPlus, "sk_UninitCallbackPlus", sk_UninitCallbackPlus},
     {NULL, NULL, NULL, NULL},  // end of the table
 };
 

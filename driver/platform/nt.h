@@ -15,4 +15,12 @@
 #define SK_WRITE_ONCE(x, v) __atomic_store_n(&(x), (v), __ATOMIC_RELAXED)
 #endif
 
+// A full memory barrier. On the host it is a locked exchange, as the kernel's own KeMemoryBarrier
+// is, which ThreadSanitizer also understands (it does not model fences).
+#if defined(_WIN32) && !defined(SENTREL_HOST)
+#define SK_FULL_BARRIER() __atomic_thread_fence(__ATOMIC_SEQ_CST)
+#else
+#define SK_FULL_BARRIER() KeMemoryBarrier()
+#endif
+
 #include "kernel/io_create_device_secure.h"

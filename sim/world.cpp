@@ -289,12 +289,9 @@ Verdict World::CheckDriverLeftovers(const char* when) {
     verdict.findings.push_back({when, "pool not freed: " + std::to_string(count.first) + " block(s), " +
                                           std::to_string(count.second) + " bytes of tag '" + TagText(tag) + "'"});
   }
-  for (ObjectHeader* header : k.ob.LiveObjects()) {
-    long held = header->driverReferences.load();
-    if (held > 0) {
-      verdict.findings.push_back({when, std::to_string(held) + " reference(s) to " + ToUtf8(header->type->name) +
-                                            " object " + ToUtf8(k.ob.FullName(header)) + " still held"});
-    }
+  for (const ObjectManager::HeldReferences& held : k.ob.DriverHeldReferences()) {
+    verdict.findings.push_back({when, std::to_string(held.count) + " reference(s) to " + ToUtf8(held.type) +
+                                          " object " + ToUtf8(held.name) + " still held"});
   }
   for (auto& [handle, entry] : k.ob.KernelHandles().Entries()) {
     if (entry.driverOwned) {
@@ -338,7 +335,7 @@ Verdict World::CheckDriverLeftovers(const char* when) {
   for (const std::u16string& link : k.io.DriverLinks()) {
     verdict.findings.push_back({when, "symbolic link " + ToUtf8(link) + " not deleted"});
   }
-  if (size_t n = k.io.OutstandingRequests()) {
+  if (size_t n = k.io.OutstandingRequests(driver_)) {
     verdict.findings.push_back({when, std::to_string(n) + " request(s) never completed"});
     dangling = true;
   }

@@ -208,6 +208,11 @@ NTSTATUS IoManager::CallDriver(PDEVICE_OBJECT device, PIRP irp) {
   }
   PIO_STACK_LOCATION stack = --irp->Tail.Overlay.CurrentStackLocation;
   stack->DeviceObject = device;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = requests_.find(irp);
+    if (it != requests_.end()) it->second.device = device;
+  }
   PDRIVER_DISPATCH dispatch = device->DriverObject->MajorFunction[stack->MajorFunction];
   return dispatch(device, irp);
 }
@@ -297,10 +302,18 @@ void IoManager::FreeIrp(PIRP irp) {
   std::free(irp);
 }
 
-size_t IoManager::OutstandingRequests() {
+size_t IoManager::OutstandingRequests(PDRIVER_OBJECT driver) {
   std::lock_guard<std::mutex> lock(mutex_);
   size_t n = 0;
-  for (auto& [irp, state] : requests_) n += state.completed ? 0 : 1;
+  for (auto& [irp, state] : requests_) {
+    if (state.completed) continue;
+    if (!driver) {
+      ++n;
+      continue;
+    }
+    // Only a request that sits in one of the driver's devices is the driver's to complete.
+    if (state.device && state.device->DriverObject == driver) ++n;
+  }
   return n;
 }
 

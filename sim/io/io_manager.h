@@ -51,7 +51,8 @@ class IoManager {
   // Sends a request built by the I/O manager and waits until it is completed.
   IoResult SendAndWait(PDEVICE_OBJECT device, PIRP irp);
   void FreeIrp(PIRP irp);
-  size_t OutstandingRequests();
+  // Requests not yet completed; with a driver, only those it holds in one of its devices.
+  size_t OutstandingRequests(PDRIVER_OBJECT driver = nullptr);
 
   // Shutdown notification.
   NTSTATUS RegisterShutdown(PDEVICE_OBJECT device);
@@ -85,6 +86,7 @@ class IoManager {
   struct RequestState {
     bool completed = false;
     bool dispatchReturned = false;
+    PDEVICE_OBJECT device = nullptr;  // where the request was last sent
   };
   NTSTATUS ReferenceFile(HANDLE handle, ACCESS_MASK access, KPROCESSOR_MODE mode, PFILE_OBJECT* file);
   PIRP BuildUserIrp(PFILE_OBJECT file, UCHAR major);

@@ -281,6 +281,10 @@ NTSTATUS ObjectManager::CreateSymbolicLink(const std::u16string& path, const std
 
 std::u16string ObjectManager::FullName(ObjectHeader* header) {
   std::lock_guard<std::mutex> lock(mutex_);
+  return FullNameLocked(header);
+}
+
+std::u16string ObjectManager::FullNameLocked(ObjectHeader* header) {
   if (!header->directory) return std::u16string();
   std::u16string name;
   for (ObjectHeader* h = header; h && h != root_; h = h->directory) name = u"\\" + h->name + name;
@@ -331,6 +335,17 @@ void ObjectManager::CloseAll(HandleTable& table) {
     }
     Dereference(removed.object->Body());
   }
+}
+
+std::vector<ObjectManager::HeldReferences> ObjectManager::DriverHeldReferences() {
+  // Under the lock: an object leaves the live set before it is freed, so none is freed meanwhile.
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<HeldReferences> out;
+  for (auto& [body, header] : live_) {
+    long held = header->driverReferences.load();
+    if (held > 0) out.push_back({header->type->name, FullNameLocked(header), held});
+  }
+  return out;
 }
 
 std::vector<ObjectHeader*> ObjectManager::LiveObjects() {

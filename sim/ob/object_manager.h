@@ -131,10 +131,18 @@ class ObjectManager {
   // Closes every handle of a table, as process exit does.
   void CloseAll(HandleTable& table);
 
-  // Every live object, for leak reports.
+  // Every live object (only safe while no other thread drops references).
   std::vector<ObjectHeader*> LiveObjects();
+  // Objects the driver holds references to, for the unload verdict; safe while others run.
+  struct HeldReferences {
+    std::u16string type;
+    std::u16string name;
+    long count;
+  };
+  std::vector<HeldReferences> DriverHeldReferences();
 
  private:
+  std::u16string FullNameLocked(ObjectHeader* header);
   ObjectHeader* DirectoryFor(const std::u16string& path, std::u16string* leaf, NTSTATUS* status);
   std::mutex mutex_;  // guards the namespace and the live-object set
   std::unordered_map<const void*, ObjectHeader*> live_;

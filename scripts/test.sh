@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# Builds everything (the driver on the simulated kernel with its tests, and the real Sentrel.sys
-# with its checks) and runs every test.
+# Builds everything (the driver on the simulated kernel with its tests, under ASan+UBSan and
+# under ThreadSanitizer, and the real Sentrel.sys with its checks) and runs every test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 cmake --preset host >/dev/null
 cmake --build --preset host
+cmake --preset host-tsan >/dev/null
+cmake --build --preset host-tsan
 cmake --preset windows >/dev/null
 cmake --build --preset windows
 
@@ -14,6 +16,8 @@ log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 status=0
 ctest --preset host 2>&1 | tee -a "$log" || status=1
+# The same suites under ThreadSanitizer: the concurrency tests are the point here.
+ctest --preset host-tsan 2>&1 | tee -a "$log" || status=1
 ctest --preset windows 2>&1 | tee -a "$log" || status=1
 
 # One closing line for both runs.

@@ -215,61 +215,56 @@ NTSTATUS sk_PsSetCreateProcessNotifyRoutine(ULONG Variant, PVOID Routine, BOOLEA
   return status;
 }
 
-NTSTATUS sk_PsSetCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Routine) {
-  NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
+// Adding and removing for the thread and image kinds, which need their kernel registration in
+// force. A list without a count (image) is marked enabled instead.
+static NTSTATUS sk_AddKindSubscriber(LONG KindBit, SK_CALLBACK_SLOT *Slots, PVOID Routine, volatile LONG *Count) {
+  NTSTATUS status;
   BOOLEAN added;
+  if (!sk_CallbackKindActive(KindBit)) return STATUS_INSUFFICIENT_RESOURCES;
+  status = sk_AddToList(Slots, Routine, STATUS_INSUFFICIENT_RESOURCES, &added);
+  if (added && Count) InterlockedIncrement(Count);
+  if (added && !Count) SK_WRITE_ONCE(ImageNotifyEnabled, (BOOLEAN)TRUE);
+  return status;
+}
+
+static NTSTATUS sk_RemoveKindSubscriber(LONG KindBit, SK_CALLBACK_SLOT *Slots, PVOID Routine, volatile LONG *Count) {
+  PSK_CALLBACK_BLOCK block;
+  if (!sk_CallbackKindActive(KindBit)) return STATUS_INSUFFICIENT_RESOURCES;
+  block = sk_TakeFromList(Slots, Routine);
+  if (!block) return STATUS_PROCEDURE_NOT_FOUND;
+  if (Count) InterlockedDecrement(Count);
+  sk_RetireBlock(block);
+  return STATUS_SUCCESS;
+}
+
+NTSTATUS sk_PsSetCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Routine) {
+  NTSTATUS status;
   SK_ENTER();
-  if (sk_CallbackKindActive(SK_CALLBACK_PLUS_THREAD)) {
-    status = sk_AddToList(ThreadNotifySlots, (PVOID)Routine, STATUS_INSUFFICIENT_RESOURCES, &added);
-    if (added) InterlockedIncrement(&ThreadNotifyCount);
-  }
+  status = sk_AddKindSubscriber(SK_CALLBACK_PLUS_THREAD, ThreadNotifySlots, (PVOID)Routine, &ThreadNotifyCount);
   SK_LEAVE(status);
   return status;
 }
 
 NTSTATUS sk_PsRemoveCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Routine) {
-  NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
-  PSK_CALLBACK_BLOCK block;
+  NTSTATUS status;
   SK_ENTER();
-  if (sk_CallbackKindActive(SK_CALLBACK_PLUS_THREAD)) {
-    block = sk_TakeFromList(ThreadNotifySlots, (PVOID)Routine);
-    if (!block) {
-      status = STATUS_PROCEDURE_NOT_FOUND;
-    } else {
-      InterlockedDecrement(&ThreadNotifyCount);
-      sk_RetireBlock(block);
-      status = STATUS_SUCCESS;
-    }
-  }
+  status = sk_RemoveKindSubscriber(SK_CALLBACK_PLUS_THREAD, ThreadNotifySlots, (PVOID)Routine, &ThreadNotifyCount);
   SK_LEAVE(status);
   return status;
 }
 
 NTSTATUS sk_PsSetLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE Routine) {
-  NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
-  BOOLEAN added;
+  NTSTATUS status;
   SK_ENTER();
-  if (sk_CallbackKindActive(SK_CALLBACK_PLUS_IMAGE)) {
-    status = sk_AddToList(ImageNotifySlots, (PVOID)Routine, STATUS_INSUFFICIENT_RESOURCES, &added);
-    if (added) SK_WRITE_ONCE(ImageNotifyEnabled, (BOOLEAN)TRUE);
-  }
+  status = sk_AddKindSubscriber(SK_CALLBACK_PLUS_IMAGE, ImageNotifySlots, (PVOID)Routine, NULL);
   SK_LEAVE(status);
   return status;
 }
 
 NTSTATUS sk_PsRemoveLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE Routine) {
-  NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
-  PSK_CALLBACK_BLOCK block;
+  NTSTATUS status;
   SK_ENTER();
-  if (sk_CallbackKindActive(SK_CALLBACK_PLUS_IMAGE)) {
-    block = sk_TakeFromList(ImageNotifySlots, (PVOID)Routine);
-    if (!block) {
-      status = STATUS_PROCEDURE_NOT_FOUND;
-    } else {
-      sk_RetireBlock(block);
-      status = STATUS_SUCCESS;
-    }
-  }
+  status = sk_RemoveKindSubscriber(SK_CALLBACK_PLUS_IMAGE, ImageNotifySlots, (PVOID)Routine, NULL);
   SK_LEAVE(status);
   return status;
 }

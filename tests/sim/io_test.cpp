@@ -20,6 +20,7 @@
 
 #include "ntsim/ntsim.h"
 #include "world.h"
+#include "sim_test_support.h"
 
 using ntsim::IoResult;
 using ntsim::ObjectHeader;
@@ -29,56 +30,18 @@ using ntsim::World;
 
 namespace {
 
+using sim_test::Eventually;
+using sim_test::HostThread;
+using sim_test::RecordViolations;
+using sim_test::ViolationCalls;
+
 using namespace std::chrono_literals;
 
 constexpr uint64_t kKernelHandleBits = 0xFFFFFFFF80000000ull;
 
-class HostThread {
- public:
-  template <typename Fn>
-  explicit HostThread(Fn fn) {
-    auto done = std::make_shared<std::promise<void>>();
-    finished_ = done->get_future();
-    thread_ = std::thread([fn, done]() mutable {
-      fn();
-      done->set_value();
-    });
-  }
-  HostThread(const HostThread&) = delete;
-  HostThread& operator=(const HostThread&) = delete;
-  ~HostThread() {
-    if (!FinishedWithin(10s)) {
-      std::fprintf(stderr, "a host thread is still blocked in the simulated kernel after 10 s\n");
-      std::abort();
-    }
-    thread_.join();
-  }
-  bool FinishedWithin(std::chrono::milliseconds bound) {
-    return finished_.wait_for(bound) == std::future_status::ready;
-  }
 
- private:
-  std::thread thread_;
-  std::future<void> finished_;
-};
 
-template <typename Cond>
-bool Eventually(Cond cond) {
-  auto deadline = std::chrono::steady_clock::now() + 2s;
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
-void RecordViolations(World& world) { world.verifier().SetViolationPolicy(Verifier::ViolationPolicy::Record); }
-
-std::vector<std::string> ViolationCalls(World& world) {
-  std::vector<std::string> calls;
-  for (const ntsim::Finding& f : world.verifier().Violations()) calls.push_back(f.call);
-  return calls;
-}
 
 // A counted string over text that outlives it.
 UNICODE_STRING Counted(const std::u16string& text) {

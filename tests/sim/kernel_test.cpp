@@ -23,6 +23,7 @@
 
 #include "ntsim/ntsim.h"
 #include "world.h"
+#include "sim_test_support.h"
 
 using ntsim::ObjectManager;
 using ntsim::Verifier;
@@ -30,61 +31,20 @@ using ntsim::World;
 
 namespace {
 
+using sim_test::Eventually;
+using sim_test::HostThread;
+using sim_test::RecordViolations;
+using sim_test::ViolationCalls;
+
 using namespace std::chrono_literals;
 
 constexpr ULONG kTagA = 'AtsT';  // "TstA" in memory
 constexpr ULONG kTagB = 'BtsT';
 constexpr ULONG kTagLookaside = 'LtsT';
 
-// Runs fn on a host thread of its own, which the simulated kernel adopts as a system thread.
-class HostThread {
- public:
-  template <typename Fn>
-  explicit HostThread(Fn fn) {
-    auto done = std::make_shared<std::promise<void>>();
-    finished_ = done->get_future();
-    thread_ = std::thread([fn, done]() mutable {
-      fn();
-      done->set_value();
-    });
-  }
-  HostThread(const HostThread&) = delete;
-  HostThread& operator=(const HostThread&) = delete;
-  ~HostThread() {
-    if (!FinishedWithin(10s)) {
-      std::fprintf(stderr, "a host thread is still blocked in the simulated kernel after 10 s\n");
-      std::abort();
-    }
-    thread_.join();
-  }
-  bool FinishedWithin(std::chrono::milliseconds bound) {
-    return finished_.wait_for(bound) == std::future_status::ready;
-  }
 
- private:
-  std::thread thread_;
-  std::future<void> finished_;
-};
 
-// Polls cond for up to two seconds.
-template <typename Cond>
-bool Eventually(Cond cond) {
-  auto deadline = std::chrono::steady_clock::now() + 2s;
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
-void RecordViolations(World& world) { world.verifier().SetViolationPolicy(Verifier::ViolationPolicy::Record); }
-
-// The routines named by the verifier's findings, in order.
-std::vector<std::string> ViolationCalls(World& world) {
-  std::vector<std::string> calls;
-  for (const ntsim::Finding& f : world.verifier().Violations()) calls.push_back(f.call);
-  return calls;
-}
 
 size_t OutstandingWithTag(World& world, ULONG tag) {
   auto blocks = world.kernel().pool.Outstanding();

@@ -18,43 +18,23 @@
 
 #include "ntsim/ntsim.h"
 #include "world.h"
+#include "sim_test_support.h"
 
 using ntsim::UserProcess;
 using ntsim::World;
 
 namespace {
 
+using sim_test::Eventually;
+using sim_test::HostThread;
+using sim_test::RecordViolations;
+using sim_test::ViolationCalls;
+
 using namespace std::chrono_literals;
 
 const std::u16string kTestKey = u"\\REGISTRY\\MACHINE\\SOFTWARE\\SimTest";
 const char* const kServiceKeyName = "\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001\\Services\\Sentrel";
 
-// Runs fn on a host thread of its own; a thread the simulated kernel never releases stops the run.
-class HostThread {
- public:
-  template <typename Fn>
-  explicit HostThread(Fn fn) {
-    auto done = std::make_shared<std::promise<void>>();
-    finished_ = done->get_future();
-    thread_ = std::thread([fn, done]() mutable {
-      fn();
-      done->set_value();
-    });
-  }
-  HostThread(const HostThread&) = delete;
-  HostThread& operator=(const HostThread&) = delete;
-  ~HostThread() {
-    if (finished_.wait_for(10s) != std::future_status::ready) {
-      std::fprintf(stderr, "a host thread is still blocked in the simulated kernel after 10 s\n");
-      std::abort();
-    }
-    thread_.join();
-  }
-
- private:
-  std::thread thread_;
-  std::future<void> finished_;
-};
 
 UNICODE_STRING Counted(const std::u16string& text) {
   UNICODE_STRING s;

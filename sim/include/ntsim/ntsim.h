@@ -5,6 +5,7 @@
 #include "ntsim/base.h"
 #include "ntsim/status.h"
 #include "ntsim/rtl.h"
+#include "ntsim/avl.h"
 #include "ntsim/ke.h"
 #include "ntsim/ex.h"
 #include "ntsim/ob.h"

@@ -10,3 +10,4 @@
 #define SK_TAG_SECURITY 'dsTg'       // "gTsd": security descriptors built from SDDL
 #define SK_TAG_LOAD_GUARD 'glTg'     // "gTlg": the load guard's read-back buffer
 #define SK_TAG_CALLBACK_BLOCK 'brbC'  // "Cbrb": subscriber blocks of the notification multiplexer
+#define SK_TAG_PATH_NODE 'pTTg'      // "gTTp": path cache nodes (and their table's elements)

@@ -12,9 +12,9 @@
 SENTREL_DATA SentrelData;
 
 // The managers, in start-up order; they stop in the reverse order. Each later manager takes its
-// place here as it lands (after the multiplexer: ring buffers, communication, stack hook, path
-// cache, black and white rule sets, logon table, DOS names, images, processes, package cache,
-// message queues, producer interface).
+// place here as it lands (ring buffers, communication and stack hook before the path cache; then
+// black and white rule sets, logon table, DOS names, images, processes, package cache, message
+// queues, producer interface).
 typedef struct _SK_MANAGER {
   const char *StartName;
   NTSTATUS (*Start)(void);
@@ -22,8 +22,13 @@ typedef struct _SK_MANAGER {
   NTSTATUS (*Stop)(void);
 } SK_MANAGER;
 
+static NTSTATUS sk_StartPathMgr(void) { return sk_InitPathMgr(&SentrelData.PathMgr); }
+static NTSTATUS sk_StopPathMgr(void) { return sk_UninitPathMgr(&SentrelData.PathMgr); }
+
 static const SK_MANAGER SkManagers[] = {
     {"sk_InitCallbackPlus", sk_InitCallbackPlus, "sk_UninitCallbackPlus", sk_UninitCallbackPlus},
+    // Ring buffers, communication and the stack hook come here, before the path cache.
+    {"sk_InitPathMgr", sk_StartPathMgr, "sk_UninitPathMgr", sk_StopPathMgr},
     {NULL, NULL, NULL, NULL},  // end of the table
 };
 

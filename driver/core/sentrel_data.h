@@ -5,6 +5,7 @@
 #include "channel/msg_queue_record.h"
 #include "channel/registration_record.h"
 #include "core/optional_routines.h"
+#include "names/path_cache.h"
 
 typedef struct _SENTREL_DATA {
   USHORT Tag;  // SK_RECORD_SENTREL_DATA
@@ -34,9 +35,10 @@ typedef struct _SENTREL_DATA {
   volatile LONG RemoteThreadCount;
   volatile LONG ImageLoadCount;
   volatile LONG DriverLoadCount;
-  // The managers' own records (path cache, process and image tables, message queues, DOS names,
-  // stack hook, logon table, white and black rule sets, package cache, ring buffers) join here,
-  // in this order, as each manager lands.
+  SK_PATH_MGR PathMgr;
+  // The other managers' own records (process and image tables, message queues, DOS names, stack
+  // hook, logon table, white and black rule sets, package cache, ring buffers) join here, in this
+  // order, as each manager lands.
   PSK_SE_LOCATE_PROCESS_IMAGE_NAME SeLocateProcessImageName;
   PSK_PS_REFERENCE_PROCESS_FILE_POINTER PsReferenceProcessFilePointer;
   PSK_PS_ACQUIRE_PROCESS_EXIT_SYNCHRONIZATION PsAcquireProcessExitSynchronization;

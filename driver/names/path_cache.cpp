@@ -80,6 +80,19 @@ NTSTATUS sk_UninitPathMgr(PSK_PATH_MGR PathMgr) {
   return status;
 }
 
+// The checks every add and release starts with: a manager, an argument, and the manager running.
+static NTSTATUS sk_CheckPathMgr(PSK_PATH_MGR PathMgr, const VOID *Argument) {
+  if (!PathMgr || !Argument) {
+    SK_ERROR("Invalid Parameter\n");
+    return STATUS_INVALID_PARAMETER;
+  }
+  if (!(PathMgr->Flags & SK_PATH_MGR_INITED)) {
+    SK_ERROR("Path Mgr no Inited\n");
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  return STATUS_SUCCESS;
+}
+
 NTSTATUS sk_AddPathCache(PSK_PATH_MGR PathMgr, PCUNICODE_STRING Path, PPATH_CACHE_NODE *Node) {
   NTSTATUS status = STATUS_SUCCESS;
   PATH_CACHE_NODE probe;
@@ -88,16 +101,8 @@ NTSTATUS sk_AddPathCache(PSK_PATH_MGR PathMgr, PCUNICODE_STRING Path, PPATH_CACH
   ULONG size;
 
   SK_ENTER();
-  if (!PathMgr || !Path) {
-    SK_ERROR("Invalid Parameter\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Exit;
-  }
-  if (!(PathMgr->Flags & SK_PATH_MGR_INITED)) {
-    SK_ERROR("Path Mgr no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
+  status = sk_CheckPathMgr(PathMgr, Path);
+  if (!NT_SUCCESS(status)) goto Exit;
   // A node's 16-bit size holds the length + 24: a longer path is refused rather than cut.
   if (Path->Length > SK_PATH_CACHE_MAX_LENGTH) {
     SK_ERROR("Path Length:%d too long\n", Path->Length);
@@ -151,16 +156,8 @@ NTSTATUS sk_ReleasePathCache_Node(PSK_PATH_MGR PathMgr, PPATH_CACHE_NODE Node) {
   LONG count;
 
   SK_ENTER();
-  if (!PathMgr || !Node) {
-    SK_ERROR("Invalid Parameter\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Exit;
-  }
-  if (!(PathMgr->Flags & SK_PATH_MGR_INITED)) {
-    SK_ERROR("Path Mgr no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
+  status = sk_CheckPathMgr(PathMgr, Node);
+  if (!NT_SUCCESS(status)) goto Exit;
   KeEnterCriticalRegion();
   ExAcquireResourceSharedLite(&PathMgr->Lock, TRUE);
   SK_INFO("Decrement Node:0x%p Refcount[%d]\n", Node, SK_READ_ONCE(Node->RefCount));

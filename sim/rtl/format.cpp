@@ -119,7 +119,7 @@ void AppendWide(std::u16string& out, const wchar_t* s, size_t n) {
   for (size_t i = 0; i < n; ++i) out.push_back(static_cast<char16_t>(s[i]));
 }
 
-// ---- Conversion specifications ----
+// ---- Conversions: flags, width, precision, size prefix, type ----
 
 enum Flag : unsigned { kLeft = 1, kPlus = 2, kSpace = 4, kAlternate = 8, kZero = 16 };
 

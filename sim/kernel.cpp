@@ -11,7 +11,7 @@ namespace ntsim {
 void PublishObjectTypes(ObjectManager& ob);
 
 namespace {
-Kernel* g_kernel = nullptr;
+std::atomic<Kernel*> g_kernel{nullptr};  // read by every host thread that calls the kernel
 std::atomic<uint64_t> g_generation{0};
 }  // namespace
 
@@ -29,9 +29,12 @@ Kernel::Kernel(const MachineConfig& machine) : config(machine), generation(++g_g
 Kernel::~Kernel() {
   Kernel* previous = g_kernel;
   g_kernel = this;
+  threads.Shutdown();  // system threads run kernel code until they end
+  StopMountManager();  // its late answers complete requests of this kernel
   cm.Teardown();
   io.Teardown();
   ps.Teardown();
+  mm.ReleaseAll();
   pool.ReleaseAll();
   faults.ReleaseAll();
   g_kernel = previous == this ? nullptr : previous;

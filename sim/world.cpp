@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <map>
 
+#include "fs/mount_manager.h"
+#include "fs/volumes.h"
+
 namespace ntsim {
 
 #ifndef NTSIM_DEFAULT_DRIVER_IMAGE
@@ -147,17 +150,15 @@ void World::Boot() {
   }
   if (!files_) {
     files_ = std::make_shared<FileStore>();
-    Volume& system = files_->AddVolume(u"\\Device\\HarddiskVolume3");
-    for (const char16_t* dir : {u"\\Windows", u"\\Windows\\System32", u"\\Windows\\System32\\drivers"}) {
-      FileNode node;
-      node.path = dir;
-      node.directory = true;
-      system.files[Upcase(dir)] = node;
-    }
+    LayOutFactoryVolumes(*files_);
   }
   StartFileSystem(kernel_->io, files_);
+  LinkDriveLetters(kernel_->ob, *files_);
   kernel_->ob.CreateSymbolicLink(u"\\SystemRoot", u"\\Device\\HarddiskVolume3\\Windows", nullptr);
-  kernel_->ob.CreateSymbolicLink(u"\\??\\C:", u"\\Device\\HarddiskVolume3", nullptr);
+  kernel_->ob.CreateSymbolicLink(u"\\??\\UNC", u"\\Device\\Mup", nullptr);
+  ConnectMountManager(files_);
+  ntsim::MountManagerFailQueries(mountManagerFailure_);
+  ntsim::MountManagerAnswerPending(mountManagerPending_);
 }
 
 FileNode* World::FindFile(const std::u16string& ntPath, Volume** volume, std::u16string* key) {
@@ -214,6 +215,62 @@ void World::FailWrites(const std::u16string& ntPath, NTSTATUS status) {
   if (NT_SUCCESS(status)) volume->failingWrites.erase(Upcase(path));
   else volume->failingWrites[Upcase(path)] = status;
 }
+
+bool World::MakeDirectory(const std::u16string& ntPath) {
+  std::u16string device, path;
+  if (!ResolveVolumePath(kernel_->ob, ntPath, &device, &path)) return false;
+  std::lock_guard<std::mutex> lock(files_->mutex);
+  Volume* volume = files_->FindVolume(device);
+  if (!volume) return false;
+  auto existing = volume->files.find(Upcase(path));
+  if (existing != volume->files.end()) return existing->second.directory;
+  size_t slash = path.find_last_of(u'\\');
+  auto parent = volume->files.find(Upcase(slash == 0 ? u"\\" : path.substr(0, slash)));
+  if (parent == volume->files.end() || !parent->second.directory) return false;
+  FileNode& node = volume->files[Upcase(path)];
+  node.path = path;
+  node.directory = true;
+  return true;
+}
+
+void World::AddVolume(const std::u16string& device, char16_t letter, bool knownToMountManager) {
+  if (!ntsim::AddVolume(kernel_->io, kernel_->ob, *files_, device, letter, knownToMountManager)) {
+    Stop("AddVolume: cannot add " + ToUtf8(device) + " with letter '" + ToUtf8(std::u16string(1, letter)) + "'");
+  }
+}
+
+void World::RemoveVolume(const std::u16string& device) {
+  if (!ntsim::RemoveVolume(kernel_->io, kernel_->ob, *files_, device)) {
+    Stop("RemoveVolume: " + ToUtf8(device) + " is no present volume");
+  }
+}
+
+void World::AssignDriveLetter(const std::u16string& device, char16_t letter) {
+  if (!ntsim::AssignDriveLetter(kernel_->ob, *files_, device, letter)) {
+    Stop("AssignDriveLetter: cannot give " + ToUtf8(device) + " the letter '" + ToUtf8(std::u16string(1, letter)) +
+         "'");
+  }
+}
+
+void World::RemoveDriveLetter(char16_t letter) { ntsim::RemoveDriveLetter(kernel_->ob, *files_, letter); }
+
+void World::SetVolumeMountFolder(const std::u16string& device, const std::u16string& folder) {
+  if (!ntsim::SetVolumeMountFolder(*files_, device, folder)) {
+    Stop("SetVolumeMountFolder: " + ToUtf8(device) + " is no volume");
+  }
+}
+
+void World::MountManagerFailQueries(NTSTATUS status) {
+  mountManagerFailure_ = status;
+  ntsim::MountManagerFailQueries(status);
+}
+
+void World::MountManagerAnswerPending(bool pending) {
+  mountManagerPending_ = pending;
+  ntsim::MountManagerAnswerPending(pending);
+}
+
+size_t World::MountManagerQueryCount() { return ntsim::MountManagerQueryCount(); }
 
 void World::PowerOff() {
   {
@@ -335,6 +392,13 @@ Verdict World::CheckDriverLeftovers(const char* when) {
   for (const std::u16string& link : k.io.DriverLinks()) {
     verdict.findings.push_back({when, "symbolic link " + ToUtf8(link) + " not deleted"});
   }
+  if (size_t n = k.threads.Running()) {
+    verdict.findings.push_back({when, std::to_string(n) + " system thread(s) still running"});
+    dangling = true;
+  }
+  if (size_t n = k.mm.ViewCount()) {
+    verdict.findings.push_back({when, std::to_string(n) + " user view(s) of driver memory still mapped"});
+  }
   if (size_t n = k.io.OutstandingRequests(driver_)) {
     verdict.findings.push_back({when, std::to_string(n) + " request(s) never completed"});
     dangling = true;
@@ -428,6 +492,12 @@ void World::EndThread(_KTHREAD* thread) {
   if (end.last) {
     k.notify.ProcessExited(process, IdHandle(process->id), IdHandle(process->parentId));
     k.ob.CloseAll(process->handles);
+    // The address space goes now: a view of driver memory still in it is a bug check.
+    for (const UserView& view : k.mm.TakeViewsOf(process)) {
+      k.verifier.Violation("process exit", "process " + std::to_string(process->id) +
+                                               " exits with a user view of " + std::to_string(view.length) +
+                                               " bytes of driver memory still mapped at " + Hex(view.base, 16));
+    }
   }
 }
 

@@ -55,6 +55,14 @@ class UserProcess {
   // What the process-creation routines left in CreationStatus. A routine may refuse the process
   // by setting an error there; the world records the answer but creates the process all the same.
   NTSTATUS CreationStatus() const { return creationStatus_; }
+  // Runs fn in the calling host thread's thread of this process, as a driver routine runs inside a
+  // request the process made (kernel code, previous mode user): for calling the driver's routines
+  // in the process's context.
+  template <typename Fn>
+  auto InProcess(Fn fn) {
+    ThreadScope scope(Thread(), UserMode);
+    return fn();
+  }
 
  private:
   friend class World;
@@ -142,6 +150,34 @@ class World {
   bool DeleteFile(const std::u16string& ntPath);
   // Makes every write to the file fail with the given status (STATUS_SUCCESS: writes work again).
   void FailWrites(const std::u16string& ntPath, NTSTATUS status);
+  // A directory (its parent must exist); true if it is there now, made or found.
+  bool MakeDirectory(const std::u16string& ntPath);
+
+  // Volumes and drive letters, as disks arrive and leave and the owner changes letters. The world
+  // boots with C: = \Device\HarddiskVolume3 (the system root C:\Windows), D: =
+  // \Device\HarddiskVolume5, the letterless system-reserved \Device\HarddiskVolume1, and the network
+  // redirector \Device\Mup behind \??\UNC. Changes outlive reboots and crashes. Each may be called
+  // from any host thread while a driver runs; a request the machine cannot carry out (no such
+  // volume, a letter outside A-Z, a name taken by another object) stops the test with a message.
+  //  - AddVolume: a volume, with its root directory if new, gets its device and, with a letter, its
+  //    link \??\X:. A removed volume added again finds its files as it left them.
+  //  - RemoveVolume: its device and letter go; its files stay in the store, and files still open
+  //    on it fail their transfers with STATUS_NO_SUCH_DEVICE.
+  //  - AssignDriveLetter: creates or moves the volume's \??\X:; a volume that had the letter loses it.
+  //  - SetVolumeMountFolder: the folder ("C:\Mount\Data\") the mount manager reports for the
+  //    volume while it has no letter; empty: none.
+  void AddVolume(const std::u16string& device, char16_t letter = 0, bool knownToMountManager = true);
+  void RemoveVolume(const std::u16string& device);
+  void AssignDriveLetter(const std::u16string& device, char16_t letter);
+  void RemoveDriveLetter(char16_t letter);
+  void SetVolumeMountFolder(const std::u16string& device, const std::u16string& folder);
+
+  // The mount point manager, for tests. A status other than STATUS_SUCCESS fails every volume-path
+  // query with it; pending answers come from another host thread shortly after the dispatch
+  // returns STATUS_PENDING. Both settings outlive reboots; the count starts again at each boot.
+  void MountManagerFailQueries(NTSTATUS status);
+  void MountManagerAnswerPending(bool pending);
+  size_t MountManagerQueryCount();
 
   // A buffer whose reads fault, for handing to the driver as a caller's bad pointer.
   void* FaultingBuffer(size_t size) { return kernel_->faults.ReserveFaultingRange(size); }
@@ -173,6 +209,8 @@ class World {
   void* image_ = nullptr;
   PDRIVER_OBJECT driver_ = nullptr;
   Verdict lastVerdict_;
+  NTSTATUS mountManagerFailure_ = STATUS_SUCCESS;
+  bool mountManagerPending_ = false;
 };
 
 }  // namespace ntsim

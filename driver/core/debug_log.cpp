@@ -50,6 +50,10 @@ void sk_TraceLeave(ULONG Module, const char *Name, NTSTATUS Status) {
   if (sk_LogPrefix(-1, SK_LEVEL_INFO, Module)) DbgPrint("%s -> %08lx\n", Name, Status);
 }
 
+void sk_TraceLeaveAddress(ULONG Module, const char *Name, PVOID Address) {
+  if (sk_LogPrefix(-1, SK_LEVEL_INFO, Module)) DbgPrint("%s Address -> 0x%p\n", Name, Address);
+}
+
 // Reads one 4-byte level from the open Debug key; a value that is missing or does not fit the
 // 32-byte buffer leaves the level as it is.
 static void sk_ReadDebugValue(HANDLE Key, PCWSTR Name, ULONG *Level) {

@@ -43,6 +43,7 @@ extern LARGE_INTEGER DebugCallbackCookie;
 BOOLEAN sk_LogPrefix(LONG Change, ULONG Severity, ULONG Module);
 void sk_TraceEnter(ULONG Module, const char *Name);
 void sk_TraceLeave(ULONG Module, const char *Name, NTSTATUS Status);
+void sk_TraceLeaveAddress(ULONG Module, const char *Name, PVOID Address);
 
 NTSTATUS sk_InitDebugLevel(PUNICODE_STRING RegistryPath);
 NTSTATUS sk_UninitDebugLevel(void);
@@ -62,3 +63,5 @@ NTSTATUS sk_DebugRegistryCallback(PVOID CallbackContext, PVOID Argument1, PVOID 
 // The trace pair: "<operation> Entry\n" on entry, "<operation> -> %08lx\n" on every exit.
 #define SK_ENTER() sk_TraceEnter(SK_MODULE, __func__)
 #define SK_LEAVE(Status) sk_TraceLeave(SK_MODULE, __func__, (Status))
+// The exit line of a routine that answers with an address.
+#define SK_LEAVE_ADDRESS(Address) sk_TraceLeaveAddress(SK_MODULE, __func__, (PVOID)(Address))

@@ -11,3 +11,8 @@
 #define SK_TAG_LOAD_GUARD 'glTg'     // "gTlg": the load guard's read-back buffer
 #define SK_TAG_CALLBACK_BLOCK 'brbC'  // "Cbrb": subscriber blocks of the notification multiplexer
 #define SK_TAG_PATH_NODE 'pTTg'      // "gTTp": path cache nodes (and their table's elements)
+#define SK_TAG_DOS_NAME 'dntG'       // "Gtnd": DOS name table elements, drive-root name buffers
+#define SK_TAG_MOUNT_MGR 'mdTg'      // "gTdm": mount manager requests and answers
+#define SK_TAG_RING_ARRAY 'rsTg'     // "gTsr": the ring buffers' per-buffer arrays
+#define SK_TAG_RING_MDL 'rMdL'       // "LdMr": the ring buffers' MDL blocks
+#define SK_TAG_RING_BUFFER 'rbTg'    // "gTbr": the per-processor ring buffers

@@ -5,6 +5,7 @@
 #include "core/record_tags.h"
 #include "monitor/callback_plus.h"
 #include "monitor/image_record.h"
+#include "names/path_convert.h"
 #include "names/string_block.h"
 
 #define SK_MODULE SK_TRACE_CORE
@@ -12,9 +13,9 @@
 SENTREL_DATA SentrelData;
 
 // The managers, in start-up order; they stop in the reverse order. Each later manager takes its
-// place here as it lands (ring buffers, communication and stack hook before the path cache; then
-// black and white rule sets, logon table, DOS names, images, processes, package cache, message
-// queues, producer interface).
+// place here as it lands (communication and stack hook before the path cache; black and white
+// rule sets and the logon table before the DOS names; then images, processes, package cache,
+// message queues, producer interface).
 typedef struct _SK_MANAGER {
   const char *StartName;
   NTSTATUS (*Start)(void);
@@ -24,11 +25,19 @@ typedef struct _SK_MANAGER {
 
 static NTSTATUS sk_StartPathMgr(void) { return sk_InitPathMgr(&SentrelData.PathMgr); }
 static NTSTATUS sk_StopPathMgr(void) { return sk_UninitPathMgr(&SentrelData.PathMgr); }
+static NTSTATUS sk_StartDosNameMgr(void) { return sk_InitDosNameMgr(&SentrelData.DosNameMgr); }
+static NTSTATUS sk_StopDosNameMgr(void) { return sk_UninitDosNameMgr(&SentrelData.DosNameMgr); }
+
+static NTSTATUS sk_StartRingBuf(void) { return rb_InitRingBuf(&SentrelData.RingBuf); }
+static NTSTATUS sk_StopRingBuf(void) { return rb_UnInitRingBuf(&SentrelData.RingBuf); }
 
 static const SK_MANAGER SkManagers[] = {
     {"sk_InitCallbackPlus", sk_InitCallbackPlus, "sk_UninitCallbackPlus", sk_UninitCallbackPlus},
-    // Ring buffers, communication and the stack hook come here, before the path cache.
+    {"rb_InitRingBuf", sk_StartRingBuf, "rb_UnInitRingBuf", sk_StopRingBuf},
+    // Communication and the stack hook come here, before the path cache.
     {"sk_InitPathMgr", sk_StartPathMgr, "sk_UninitPathMgr", sk_StopPathMgr},
+    // The black and white rule sets and the logon table come here, before the DOS names.
+    {"sk_InitDosNameMgr", sk_StartDosNameMgr, "sk_UninitDosNameMgr", sk_StopDosNameMgr},
     {NULL, NULL, NULL, NULL},  // end of the table
 };
 
@@ -87,8 +96,16 @@ NTSTATUS sk_InitSentrelData(void) {
     goto Undo;
   }
   RtlCopyUnicodeString(SentrelData.SystemRootPath, &name);
-  // The system root's kernel and DOS paths (SystemRootNtPath, SystemRootDosPath) are made here by
-  // the path conversion, which comes with the path and drive-name tools.
+  // The system root's DOS path may stay null (no drive letter): images under it then keep their
+  // names.
+  status = skt_PathConvertToNtPath(PagedPool, TRUE, NULL, SentrelData.SystemRootPath, &SentrelData.SystemRootNtPath,
+                                   &SentrelData.SystemRootDosPath);
+  if (!NT_SUCCESS(status)) {
+    SK_FAIL("skt_PathConvertToNtPath", status);
+    SentrelData.SystemRootNtPath = NULL;
+    SentrelData.SystemRootDosPath = NULL;
+    goto Undo;
+  }
   SentrelData.SystemRootPath->Length -= sizeof(WCHAR);  // "\SystemRoot", without the backslash
 
   sk_ResolveOptionalRoutines(&SentrelData);
@@ -105,10 +122,13 @@ NTSTATUS sk_InitSentrelData(void) {
     }
   }
 
-  // The thread prober (not fatal) and the ring-buffer owner's exit hook start here once they exist;
-  // the hook needs the process notification registration, which is not active yet.
-  if (!(SentrelData.InitFlags & 1)) {
+  // The thread prober starts here once it exists (not fatal). The ring-buffer owner's exit hook
+  // needs the process notification registration; without it the load goes on.
+  if (!(SentrelData.InitFlags & SK_CALLBACK_PLUS_PROCESS)) {
     SK_FAIL("sk_PsSetCreateProcessNotifyRoutine", STATUS_INSUFFICIENT_RESOURCES);
+  } else {
+    status = sk_PsSetCreateProcessNotifyRoutine(SK_PROCESS_NOTIFY_PLAIN, (PVOID)sk_RingBufOwnerProcessNotify, FALSE);
+    if (!NT_SUCCESS(status)) SK_FAIL("sk_PsSetCreateProcessNotifyRoutine", status);
   }
   status = STATUS_SUCCESS;
   goto Exit;
@@ -131,9 +151,11 @@ NTSTATUS sk_UninitSentrelData(void) {
     goto Exit;
   }
 
-  // The ring-buffer owner's exit hook is removed here while the process registration is active.
-  if (!(SentrelData.InitFlags & 1)) {
+  if (!(SentrelData.InitFlags & SK_CALLBACK_PLUS_PROCESS)) {
     SK_FAIL("sk_PsSetCreateProcessNotifyRoutine", STATUS_INSUFFICIENT_RESOURCES);
+  } else {
+    status = sk_PsSetCreateProcessNotifyRoutine(SK_PROCESS_NOTIFY_PLAIN, (PVOID)sk_RingBufOwnerProcessNotify, TRUE);
+    if (!NT_SUCCESS(status)) SK_FAIL("sk_PsSetCreateProcessNotifyRoutine", status);
   }
 
   // The first stop that fails ends the shut-down: the managers after it in stop order keep running.
@@ -151,4 +173,15 @@ NTSTATUS sk_UninitSentrelData(void) {
 Exit:
   SK_LEAVE(status);
   return status;
+}
+
+VOID sk_RingBufOwnerProcessNotify(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create) {
+  UNREFERENCED_PARAMETER(ParentId);
+  // Every process notification comes here; only the owner's exit is traced and acted on.
+  if (Create || !ProcessId || SK_READ_ONCE(SentrelData.RingBuf.OwnerProcessId) != ProcessId) return;
+  SK_ENTER();
+  rb_ReleaseRingBufInternal(&SentrelData.RingBuf, PsGetCurrentProcess(), TRUE);
+  // Cleared only if no other process has taken the mapping over meanwhile.
+  InterlockedCompareExchangePointer((PVOID volatile *)&SentrelData.RingBuf.OwnerProcessId, NULL, ProcessId);
+  SK_LEAVE(STATUS_SUCCESS);
 }

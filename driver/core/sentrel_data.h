@@ -3,8 +3,10 @@
 
 #include "platform/nt.h"
 #include "channel/msg_queue_record.h"
+#include "channel/ring_buffer.h"
 #include "channel/registration_record.h"
 #include "core/optional_routines.h"
+#include "names/dos_name.h"
 #include "names/path_cache.h"
 
 typedef struct _SENTREL_DATA {
@@ -36,9 +38,11 @@ typedef struct _SENTREL_DATA {
   volatile LONG ImageLoadCount;
   volatile LONG DriverLoadCount;
   SK_PATH_MGR PathMgr;
-  // The other managers' own records (process and image tables, message queues, DOS names, stack
-  // hook, logon table, white and black rule sets, package cache, ring buffers) join here, in this
-  // order, as each manager lands.
+  // The process and image tables and the message queues join here as they land.
+  SK_DOS_NAME_MGR DosNameMgr;
+  // The stack hook, logon table, white and black rule sets and package cache join here, in this
+  // order, as each lands.
+  SK_RING_BUF RingBuf;
   PSK_SE_LOCATE_PROCESS_IMAGE_NAME SeLocateProcessImageName;
   PSK_PS_REFERENCE_PROCESS_FILE_POINTER PsReferenceProcessFilePointer;
   PSK_PS_ACQUIRE_PROCESS_EXIT_SYNCHRONIZATION PsAcquireProcessExitSynchronization;
@@ -62,3 +66,6 @@ extern volatile BOOLEAN LoadGuardReleased;  // set by the shutdown handler, read
 
 NTSTATUS sk_InitSentrelData(void);
 NTSTATUS sk_UninitSentrelData(void);
+// The ring buffers' owner exit hook, a process subscriber of the notification multiplexer: when the
+// process the buffers are mapped into exits, the mapping is released in its context.
+VOID sk_RingBufOwnerProcessNotify(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create);

@@ -14,7 +14,33 @@ DECLSPEC_NOINLINE NTSTATUS skt_SafeCopyMemory(PVOID Destination, const VOID *Sou
   return status;
 }
 
+DECLSPEC_NOINLINE NTSTATUS skt_MapLockedPagesUser(PMDL Mdl, MEMORY_CACHING_TYPE CacheType, PVOID *UserAddress) {
+  NTSTATUS status = STATUS_SUCCESS;
+  PVOID address = NULL;
+  __try {
+    address = MmMapLockedPagesSpecifyCache(Mdl, UserMode, CacheType, NULL, FALSE, NormalPagePriority);
+  } __except (EXCEPTION_EXECUTE_HANDLER) {
+    status = GetExceptionCode();
+    address = NULL;
+  }
+  if (NT_SUCCESS(status) && !address) status = STATUS_INSUFFICIENT_RESOURCES;
+  *UserAddress = address;
+  return status;
+}
+
 #else
+
+NTSTATUS skt_MapLockedPagesUser(PMDL Mdl, MEMORY_CACHING_TYPE CacheType, PVOID *UserAddress) {
+  PVOID address;
+  NTSTATUS status;
+  NtSimEnterGuardedRegion();
+  address = MmMapLockedPagesSpecifyCache(Mdl, UserMode, CacheType, NULL, FALSE, NormalPagePriority);
+  status = NtSimLeaveGuardedRegion();
+  if (!NT_SUCCESS(status)) address = NULL;
+  if (NT_SUCCESS(status) && !address) status = STATUS_INSUFFICIENT_RESOURCES;
+  *UserAddress = address;
+  return status;
+}
 
 NTSTATUS skt_SafeCopyMemory(PVOID Destination, const VOID *Source, SIZE_T Length) {
   return NtSimGuardedCopy(Destination, Source, Length);

@@ -1,5 +1,8 @@
 #include "ex/pool.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -27,14 +30,58 @@ PVOID Pool::Allocate(POOL_TYPE type, SIZE_T size, ULONG tag, const char* call) {
     return nullptr;
   }
   if (K().verifier.ShouldFail(call)) return nullptr;
-  // Fresh pool is not zeroed: fill it with a pattern so that code relying on zeroed memory fails.
-  void* p = std::malloc(size);
+  PoolBlock block{type, size, tag};
+  block.processor = KernelBooted() ? CurrentThread()->processor : 0;
+  void* p = nullptr;
+  if (size >= PAGE_SIZE) {
+    block.mapped = (size + PAGE_SIZE - 1) & ~size_t(PAGE_SIZE - 1);
+    if (block.NonPaged()) {
+      block.fd = memfd_create("ntsim-nonpaged-pool", MFD_CLOEXEC);
+      if (block.fd < 0) return nullptr;
+      if (ftruncate(block.fd, static_cast<off_t>(block.mapped)) != 0) {
+        close(block.fd);
+        return nullptr;
+      }
+      p = mmap(nullptr, block.mapped, PROT_READ | PROT_WRITE, MAP_SHARED, block.fd, 0);
+      if (p == MAP_FAILED) {
+        close(block.fd);
+        return nullptr;
+      }
+    } else {
+      p = std::aligned_alloc(PAGE_SIZE, block.mapped);
+    }
+  } else {
+    p = std::malloc(size);
+  }
   if (!p) return nullptr;
+  // Fresh pool is not zeroed: fill it with a pattern so that code relying on zeroed memory fails.
   std::memset(p, 0xCD, size);
   std::lock_guard<std::mutex> lock(mutex_);
-  blocks_[p] = PoolBlock{type, size, tag};
+  blocks_[p] = block;
   ++allocations_;
   return p;
+}
+
+void Pool::Release(void* p, const PoolBlock& block) {
+  if (block.fd >= 0) {
+    munmap(p, block.mapped);
+    close(block.fd);
+  } else {
+    std::free(p);
+  }
+}
+
+bool Pool::Find(const void* address, size_t length, PoolBlock* block, const void** start) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = blocks_.upper_bound(address);
+  if (it == blocks_.begin()) return false;
+  --it;
+  auto begin = static_cast<const char*>(it->first);
+  auto at = static_cast<const char*>(address);
+  if (at < begin || at + length > begin + it->second.size || at + length < at) return false;
+  *block = it->second;
+  *start = it->first;
+  return true;
 }
 
 void Pool::Free(PVOID p, ULONG tag, bool checkTag, const char* call) {
@@ -59,8 +106,17 @@ void Pool::Free(PVOID p, ULONG tag, bool checkTag, const char* call) {
     }
     blocks_.erase(it);
   }
+  if (block.fd >= 0) {
+    // The pages must not stay visible in a process once the block is someone else's memory.
+    for (const UserView& view : K().mm.TakeViewsShowing(reinterpret_cast<uintptr_t>(p), block.mapped)) {
+      char text[160];
+      std::snprintf(text, sizeof text, "freeing a pool block that is still mapped into process %llu at %p",
+                    static_cast<unsigned long long>(view.process->id), reinterpret_cast<void*>(view.base));
+      K().verifier.Violation(call, text);
+    }
+  }
   std::memset(p, 0xFE, block.size);  // catch use after free
-  std::free(p);
+  Release(p, block);
 }
 
 std::vector<PoolBlock> Pool::Outstanding() {
@@ -84,7 +140,7 @@ uint64_t Pool::AllocationCount() {
 
 void Pool::ReleaseAll() {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (auto& [p, block] : blocks_) std::free(const_cast<void*>(p));
+  for (auto& [p, block] : blocks_) Release(const_cast<void*>(p), block);
   blocks_.clear();
 }
 

@@ -61,6 +61,21 @@ std::u16string Win32ToNtPath(const std::u16string& path) {
   return path;
 }
 
+// The file object type's generic mapping; the handle keeps the mapped rights only.
+ACCESS_MASK MapFileAccess(ACCESS_MASK access) {
+  if (access & GENERIC_READ) access |= FILE_GENERIC_READ;
+  if (access & GENERIC_WRITE) access |= FILE_GENERIC_WRITE;
+  if (access & GENERIC_EXECUTE) access |= FILE_GENERIC_EXECUTE;
+  if (access & GENERIC_ALL) access |= FILE_ALL_ACCESS;
+  return access & ~(GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL);
+}
+
+// Answers of a device that keeps no names of its own files: the name it was opened with stands.
+bool NoNameQuery(NTSTATUS status) {
+  return status == STATUS_INVALID_DEVICE_REQUEST || status == STATUS_NOT_IMPLEMENTED ||
+         status == STATUS_INVALID_INFO_CLASS || status == STATUS_NOT_SUPPORTED || status == STATUS_INVALID_PARAMETER;
+}
+
 PMDL BuildMdl(void* buffer, ULONG length) {
   auto* mdl = new MDL();
   mdl->Size = sizeof(MDL);
@@ -251,6 +266,15 @@ void IoManager::CompleteRequest(PIRP irp) {
       if (status == (NTSTATUS)0xC0000016L /* STATUS_MORE_PROCESSING_REQUIRED */) return;
     }
   }
+  bool owned;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    owned = requests_[irp].freeOnCompletion;
+  }
+  if (owned) {
+    FinishOwnedRequest(irp);
+    return;
+  }
   if (irp->UserIosb) *irp->UserIosb = irp->IoStatus;
   if (irp->UserEvent) KeSetEvent(irp->UserEvent, IO_NO_INCREMENT, FALSE);
   {
@@ -258,6 +282,84 @@ void IoManager::CompleteRequest(PIRP irp) {
     requests_[irp].completed = true;
   }
   completed_.notify_all();
+}
+
+// The final completion of a request the I/O manager built for a driver: the output is copied back
+// unless the request failed, and the request is freed before the caller's event is set, so that a
+// caller woken by it never finds the request still allocated.
+void IoManager::FinishOwnedRequest(PIRP irp) {
+  const char* system = nullptr;
+  void* output = nullptr;
+  ULONG outputLength = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    RequestState& state = requests_[irp];
+    system = state.systemBuffer.get();
+    output = state.output;
+    outputLength = state.outputLength;
+  }
+  ULONG_PTR information = irp->IoStatus.Information;
+  if (system && output && information && !NT_ERROR_STATUS(irp->IoStatus.Status)) {
+    if (information > outputLength) {
+      K().verifier.Violation(MajorFunctionName(IoGetNextIrpStackLocation(irp)->MajorFunction),
+                             "information exceeds the output buffer's length");
+      information = outputLength;
+    }
+    std::memcpy(output, system, information);
+  }
+  IO_STATUS_BLOCK result = irp->IoStatus;
+  PIO_STATUS_BLOCK iosb = irp->UserIosb;
+  PKEVENT event = irp->UserEvent;
+  FreeIrp(irp);
+  if (iosb) *iosb = result;
+  if (event) KeSetEvent(event, IO_NO_INCREMENT, FALSE);
+  completed_.notify_all();
+}
+
+PIRP IoManager::BuildDeviceIoControl(ULONG code, PDEVICE_OBJECT device, PVOID in, ULONG inLength, PVOID out,
+                                     ULONG outLength, bool internal, PKEVENT event, PIO_STATUS_BLOCK iosb) {
+  if ((!in && inLength) || (!out && outLength)) return nullptr;
+  PIRP irp = AllocateIrp(device->StackSize);
+  irp->RequestorMode = KernelMode;
+  irp->UserIosb = iosb;
+  irp->UserEvent = event;
+  irp->UserBuffer = out;
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  stack->MajorFunction = internal ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL;
+  stack->Parameters.DeviceIoControl.IoControlCode = code;
+  stack->Parameters.DeviceIoControl.InputBufferLength = inLength;
+  stack->Parameters.DeviceIoControl.OutputBufferLength = outLength;
+  ULONG method = METHOD_FROM_CTL_CODE(code);
+  std::unique_ptr<char[]> system;
+  bool copyBack = false;
+  if (method == METHOD_BUFFERED) {
+    // One buffer for both directions, as large as the larger of the two.
+    ULONG size = inLength > outLength ? inLength : outLength;
+    if (size) {
+      system.reset(new char[size]());
+      if (inLength) std::memcpy(system.get(), in, inLength);
+    }
+    copyBack = outLength != 0;
+  } else if (method == METHOD_NEITHER) {
+    stack->Parameters.DeviceIoControl.Type3InputBuffer = in;
+  } else {
+    // Direct I/O: the input is buffered, the output described by an MDL over the caller's buffer.
+    if (inLength) {
+      system.reset(new char[inLength]);
+      std::memcpy(system.get(), in, inLength);
+    }
+    if (outLength) irp->MdlAddress = BuildMdl(out, outLength);
+  }
+  irp->AssociatedIrp.SystemBuffer = system.get();
+  std::lock_guard<std::mutex> lock(mutex_);
+  RequestState& state = requests_[irp];
+  state.freeOnCompletion = true;
+  state.systemBuffer = std::move(system);
+  if (copyBack) {
+    state.output = out;
+    state.outputLength = outLength;
+  }
+  return irp;
 }
 
 IoResult IoManager::SendAndWait(PDEVICE_OBJECT device, PIRP irp) {
@@ -300,6 +402,11 @@ void IoManager::FreeIrp(PIRP irp) {
   std::lock_guard<std::mutex> lock(mutex_);
   requests_.erase(irp);
   std::free(irp);
+}
+
+size_t IoManager::AllocatedRequests() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return requests_.size();
 }
 
 size_t IoManager::OutstandingRequests(PDRIVER_OBJECT driver) {
@@ -373,11 +480,16 @@ PIRP IoManager::BuildUserIrp(PFILE_OBJECT file, UCHAR major) {
 
 NTSTATUS IoManager::CreateFile(const CreateRequest& request, HANDLE* handle, ULONG_PTR* information) {
   if (information) *information = 0;
+  // Access is checked as granted: after the generic rights are mapped to the file's own rights,
+  // so GENERIC_READ alone carries the SYNCHRONIZE that synchronous I/O needs.
+  ACCESS_MASK access = MapFileAccess(request.access);
   ULONG synchronous = request.options & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT);
-  if (request.disposition > FILE_MAXIMUM_DISPOSITION ||
-      (synchronous && !(request.access & (SYNCHRONIZE | GENERIC_ALL))) ||
+  bool directory = (request.options & FILE_DIRECTORY_FILE) != 0;
+  if (request.disposition > FILE_MAXIMUM_DISPOSITION || (synchronous && !(access & SYNCHRONIZE)) ||
       synchronous == (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT) ||
-      ((request.options & FILE_DIRECTORY_FILE) && (request.options & FILE_NON_DIRECTORY_FILE))) {
+      (directory && (request.options & FILE_NON_DIRECTORY_FILE)) ||
+      (directory && request.disposition != FILE_CREATE && request.disposition != FILE_OPEN &&
+       request.disposition != FILE_OPEN_IF)) {
     return STATUS_INVALID_PARAMETER;
   }
   ObjectHeader* header = nullptr;
@@ -406,10 +518,6 @@ NTSTATUS IoManager::CreateFile(const CreateRequest& request, HANDLE* handle, ULO
     std::memcpy(file->FileName.Buffer, remaining.data(), remaining.size() * sizeof(WCHAR));
     file->FileName.Length = file->FileName.MaximumLength = static_cast<USHORT>(remaining.size() * sizeof(WCHAR));
   }
-  ACCESS_MASK access = request.access;
-  if (access & GENERIC_READ) access |= FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
-  if (access & GENERIC_WRITE) access |= FILE_WRITE_DATA | FILE_APPEND_DATA | SYNCHRONIZE;
-  if (access & GENERIC_ALL) access |= FILE_ALL_ACCESS;
   file->ReadAccess = (access & FILE_READ_DATA) != 0;
   file->WriteAccess = (access & (FILE_WRITE_DATA | FILE_APPEND_DATA)) != 0;
   if (synchronous) file->Flags |= FO_SYNCHRONOUS_IO | ((synchronous & FILE_SYNCHRONOUS_IO_ALERT) ? FO_ALERTABLE_IO : 0);
@@ -574,6 +682,48 @@ IoResult IoManager::QueryInformation(HANDLE handle, int infoClass, void* buffer,
   FreeIrp(irp);
   ob_->Dereference(file);
   return result;
+}
+
+NTSTATUS IoManager::QueryFileObjectName(PFILE_OBJECT file, std::u16string* name) {
+  std::u16string opened = ToU16(&file->FileName);
+  if (!file->DeviceObject) {
+    *name = opened;
+    return STATUS_SUCCESS;
+  }
+  std::u16string device = ob_->FullName(ObjectManager::HeaderOf(file->DeviceObject));
+  if (opened.empty()) {  // the device itself was opened
+    *name = device;
+    return STATUS_SUCCESS;
+  }
+  // As the kernel does: ask the file system, with a buffer that grows to what it says it needs.
+  ULONG length = 512;
+  for (;;) {
+    PIRP irp = BuildUserIrp(file, IRP_MJ_QUERY_INFORMATION);
+    irp->RequestorMode = KernelMode;
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+    stack->Parameters.QueryFile.Length = length;
+    stack->Parameters.QueryFile.FileInformationClass = FileNameInformation;
+    std::vector<ULONG> buffer((length + sizeof(ULONG) - 1) / sizeof(ULONG));
+    irp->AssociatedIrp.SystemBuffer = buffer.data();
+    IoResult result = SendAndWait(file->DeviceObject, irp);
+    FreeIrp(irp);
+    auto* info = reinterpret_cast<PFILE_NAME_INFORMATION>(buffer.data());
+    ULONG needed = FIELD_OFFSET(FILE_NAME_INFORMATION, FileName) + info->FileNameLength;
+    if (result.status == STATUS_BUFFER_OVERFLOW && needed > length) {
+      length = needed;
+      continue;
+    }
+    if (NT_SUCCESS(result.status)) {
+      *name = device + std::u16string(reinterpret_cast<const char16_t*>(info->FileName),
+                                      info->FileNameLength / sizeof(WCHAR));
+      return STATUS_SUCCESS;
+    }
+    if (NoNameQuery(result.status)) {
+      *name = device + opened;
+      return STATUS_SUCCESS;
+    }
+    return result.status;
+  }
 }
 
 IoResult IoManager::UserSendMajor(HANDLE handle, UCHAR major) {

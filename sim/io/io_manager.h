@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -53,6 +54,19 @@ class IoManager {
   void FreeIrp(PIRP irp);
   // Requests not yet completed; with a driver, only those it holds in one of its devices.
   size_t OutstandingRequests(PDRIVER_OBJECT driver = nullptr);
+  // Requests allocated and not yet freed, completed or not.
+  size_t AllocatedRequests();
+
+  // IoBuildDeviceIoControlRequest: a request the I/O manager owns and frees on its final
+  // completion, after copying the output back and setting the caller's status block and event.
+  // Null if the buffers do not match their lengths.
+  PIRP BuildDeviceIoControl(ULONG code, PDEVICE_OBJECT device, PVOID in, ULONG inLength, PVOID out, ULONG outLength,
+                            bool internal, PKEVENT event, PIO_STATUS_BLOCK iosb);
+
+  // The name of a file object as ObQueryNameString reports it: its device's name followed by the
+  // name its file system gives the file (asked with IRP_MJ_QUERY_INFORMATION), or by the name it
+  // was opened with where the device answers no such query.
+  NTSTATUS QueryFileObjectName(PFILE_OBJECT file, std::u16string* name);
 
   // Shutdown notification.
   NTSTATUS RegisterShutdown(PDEVICE_OBJECT device);
@@ -87,7 +101,13 @@ class IoManager {
     bool completed = false;
     bool dispatchReturned = false;
     PDEVICE_OBJECT device = nullptr;  // where the request was last sent
+    // Requests built by IoBuildDeviceIoControlRequest: freed by the I/O manager on completion.
+    bool freeOnCompletion = false;
+    std::unique_ptr<char[]> systemBuffer;
+    void* output = nullptr;  // where a buffered request's output goes back to
+    ULONG outputLength = 0;
   };
+  void FinishOwnedRequest(PIRP irp);
   NTSTATUS ReferenceFile(HANDLE handle, ACCESS_MASK access, KPROCESSOR_MODE mode, PFILE_OBJECT* file);
   PIRP BuildUserIrp(PFILE_OBJECT file, UCHAR major);
 

@@ -87,3 +87,27 @@ NTSTATUS NTAPI IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK 
   }
   return STATUS_SUCCESS;
 }
+
+PIRP NTAPI IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject, PVOID InputBuffer,
+                                         ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
+                                         BOOLEAN InternalDeviceIoControl, PKEVENT Event,
+                                         PIO_STATUS_BLOCK IoStatusBlock) {
+  const char* call = "IoBuildDeviceIoControlRequest";
+  // The request is queued to the calling thread and its completion runs there: passive level only.
+  if (KeGetCurrentIrql() != PASSIVE_LEVEL) K().verifier.Violation(call, "called above PASSIVE_LEVEL");
+  if (!K().ob.IsObject(DeviceObject) || ObjectManager::HeaderOf(DeviceObject)->type != *IoDeviceObjectType) {
+    K().verifier.Violation(call, "not a device object");
+    return nullptr;
+  }
+  if (!IoStatusBlock) {
+    K().verifier.Violation(call, "no I/O status block");
+    return nullptr;
+  }
+  if ((!InputBuffer && InputBufferLength) || (!OutputBuffer && OutputBufferLength)) {
+    K().verifier.Violation(call, "a buffer length without its buffer");
+    return nullptr;
+  }
+  if (K().verifier.ShouldFail(call)) return nullptr;
+  return K().io.BuildDeviceIoControl(IoControlCode, DeviceObject, InputBuffer, InputBufferLength, OutputBuffer,
+                                     OutputBufferLength, InternalDeviceIoControl != FALSE, Event, IoStatusBlock);
+}

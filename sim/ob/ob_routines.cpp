@@ -69,9 +69,50 @@ LONG_PTR FASTCALL ObfDereferenceObject(PVOID Object) {
   return remaining;
 }
 
+// File objects are named by the I/O manager, which asks the file system: a name that does not fit
+// is returned in part with STATUS_BUFFER_OVERFLOW once the buffer holds the header, and the
+// query's buffer is an allocation that may fail.
+static NTSTATUS QueryFileObjectName(PFILE_OBJECT file, POBJECT_NAME_INFORMATION info, ULONG length,
+                                    PULONG returnLength) {
+  if (K().verifier.ShouldFail("ObQueryNameString")) return STATUS_INSUFFICIENT_RESOURCES;
+  std::u16string name;
+  NTSTATUS status = K().io.QueryFileObjectName(file, &name);
+  if (!NT_SUCCESS(status)) return status;
+  const ULONG header = sizeof(OBJECT_NAME_INFORMATION);
+  const ULONG bytes = static_cast<ULONG>(name.size() * sizeof(WCHAR));
+  ULONG required = name.empty() ? header : header + bytes + sizeof(WCHAR);
+  if (returnLength) *returnLength = required;
+  if (length < header) return STATUS_INFO_LENGTH_MISMATCH;
+  auto* buffer = reinterpret_cast<WCHAR*>(info + 1);
+  if (name.empty()) {
+    info->Name.Length = info->Name.MaximumLength = 0;
+    info->Name.Buffer = nullptr;
+    return STATUS_SUCCESS;
+  }
+  info->Name.Buffer = buffer;
+  if (length < required) {
+    // What fits, in whole characters; no terminator is promised.
+    ULONG room = (length - header) & ~ULONG(1);
+    ULONG copied = room < bytes ? room : bytes;
+    std::memcpy(buffer, name.data(), copied);
+    info->Name.Length = static_cast<USHORT>(copied);
+    info->Name.MaximumLength = static_cast<USHORT>(room > 0xFFFE ? 0xFFFE : room);
+    return STATUS_BUFFER_OVERFLOW;
+  }
+  std::memcpy(buffer, name.data(), bytes);
+  buffer[name.size()] = 0;
+  info->Name.Length = static_cast<USHORT>(bytes);
+  info->Name.MaximumLength = static_cast<USHORT>(bytes + sizeof(WCHAR));
+  return STATUS_SUCCESS;
+}
+
 NTSTATUS NTAPI ObQueryNameString(PVOID Object, POBJECT_NAME_INFORMATION ObjectNameInfo, ULONG Length,
                                  PULONG ReturnLength) {
-  if (!CheckedHeader("ObQueryNameString", Object)) return STATUS_INVALID_PARAMETER;
+  ObjectHeader* header = CheckedHeader("ObQueryNameString", Object);
+  if (!header) return STATUS_INVALID_PARAMETER;
+  if (header->type == &K().ob.types.file) {
+    return QueryFileObjectName(static_cast<PFILE_OBJECT>(Object), ObjectNameInfo, Length, ReturnLength);
+  }
   std::u16string name = ObjectName(Object);
   ULONG required = sizeof(OBJECT_NAME_INFORMATION);
   if (!name.empty()) required += static_cast<ULONG>((name.size() + 1) * sizeof(WCHAR));

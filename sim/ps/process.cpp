@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "ke/processors.h"
 #include "kernel.h"
 
 namespace ntsim {
@@ -84,7 +85,7 @@ _KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced) {
   thread->id = NewId();
   thread->process = process;
   thread->announced = announced;
-  int processors = std::max(1, K().config.processors);
+  int processors = static_cast<int>(ProcessorCount());
   std::lock_guard<std::mutex> lock(mutex_);
   if (process->exiting) {
     std::fprintf(stderr, "ntsim: a thread is started in process %llu after its exit began\n",
@@ -92,6 +93,10 @@ _KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced) {
     std::abort();
   }
   thread->processor = static_cast<ULONG>(nextProcessor_++ % static_cast<uint64_t>(processors));
+  PROCESSOR_NUMBER number;
+  KeGetProcessorNumberFromIndex(thread->processor, &number);
+  thread->group = thread->userGroup = number.Group;
+  thread->affinity = thread->userAffinity = GroupAffinityMask(number.Group);
   objects_.push_back(thread);
   liveThreads_[thread->id] = thread;
   process->threads.push_back(thread);
@@ -154,7 +159,7 @@ ProcessManager::ThreadEnd ProcessManager::EndThread(_KTHREAD* thread) {
     it = it->second == thread ? process->acting.erase(it) : std::next(it);
   }
   if (process->spare == thread) process->spare = nullptr;
-  if (process->threads.empty()) {
+  if (process->threads.empty() && !process->isSystem) {  // the System process never exits
     end.last = true;
     process->exiting = true;
     liveProcesses_.erase(process->id);
@@ -179,7 +184,10 @@ _KTHREAD* CurrentThread() {
   return t_binding.thread;
 }
 
-_KPROCESS* CurrentProcess() { return CurrentThread()->process; }
+_KPROCESS* CurrentProcess() {
+  _KTHREAD* thread = CurrentThread();
+  return thread->attachedProcess ? thread->attachedProcess : thread->process;
+}
 
 ThreadScope::ThreadScope(_KTHREAD* thread, KPROCESSOR_MODE previousMode) : thread_(thread) {
   saved_ = (t_binding.generation == K().generation) ? t_binding.thread : nullptr;

@@ -42,9 +42,27 @@ struct _KTHREAD {
   KIRQL irql = PASSIVE_LEVEL;
   int kernelApcDisable = 0;  // raised by KeEnterCriticalRegion
   KPROCESSOR_MODE previousMode = KernelMode;
-  ULONG processor = 0;       // the processor it runs on, fixed at creation
   bool announced = false;    // its creation was notified, so its exit will be
   bool exited = false;       // guarded by the process manager's lock
+
+  // Scheduling, touched only by the thread itself. It runs on `processor` (a system-wide index),
+  // which always lies in its group affinity: a new affinity that excludes it moves the thread.
+  ULONG processor = 0;
+  USHORT group = 0;
+  KAFFINITY affinity = 0;
+  USHORT userGroup = 0;  // the affinity it was created with, which a revert restores
+  KAFFINITY userAffinity = 0;
+  bool systemAffinity = false;  // KeSetSystemGroupAffinityThread is in force
+
+  // KeStackAttachProcess: the process whose address space it runs in, or null for its own.
+  _KPROCESS* attachedProcess = nullptr;
+  int attachDepth = 0;
+  // A driver's __try block (NtSimEnterGuardedRegion) and the exception raised inside it.
+  int guardDepth = 0;
+  NTSTATUS raisedStatus = 0;
+
+  bool systemThread = false;  // made by PsCreateSystemThread
+  bool terminated = false;    // its thread object is signalled; guarded by the dispatcher lock
 };
 
 namespace ntsim {
@@ -94,7 +112,8 @@ class ProcessManager {
   uint64_t nextProcessor_ = 0;
 };
 
-// The simulated thread the calling host thread runs as.
+// The simulated thread the calling host thread runs as, and the process whose address space it
+// runs in (its own, or the one it attached to).
 _KTHREAD* CurrentThread();
 _KPROCESS* CurrentProcess();
 

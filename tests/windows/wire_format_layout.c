@@ -7,6 +7,7 @@
 #include "sentrel/event_types.h"
 #include "sentrel/packet.h"
 #include "sentrel/packet_build.h"
+#include "sentrel/ring_buffer.h"
 #include "sentrel/wire_types.h"
 
 // Our control codes are the platform's CTL_CODE.

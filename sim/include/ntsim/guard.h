@@ -11,4 +11,12 @@ NTSIM_BEGIN_DECLS
 // destination byte lies in memory that would fault.
 NTSTATUS NtSimGuardedCopy(PVOID Destination, const VOID *Source, SIZE_T Length);
 
+// A __try block around calls of kernel routines that raise exceptions (MmMapLockedPagesSpecifyCache
+// for a user-mode mapping that cannot be made). Between enter and leave an exception such a routine
+// raises is caught: the routine returns at once and leave reports the exception's status (else
+// STATUS_SUCCESS). Outside such a block the exception is a verifier violation, as an unhandled
+// exception in kernel mode is a bug check. The Windows build uses __try/__except instead.
+VOID NtSimEnterGuardedRegion(void);
+NTSTATUS NtSimLeaveGuardedRegion(void);
+
 NTSIM_END_DECLS

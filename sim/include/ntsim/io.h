@@ -38,7 +38,6 @@
 #define FILE_DEVICE_UNKNOWN 0x00000022
 #define FILE_DEVICE_NETWORK_FILE_SYSTEM 0x00000014
 #define FILE_DEVICE_DISK_FILE_SYSTEM 0x00000008
-#define MOUNTMGRCONTROLTYPE 0x0000006D
 
 #define METHOD_BUFFERED 0
 #define METHOD_IN_DIRECT 1
@@ -276,6 +275,10 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK DesiredAccess,
                                         PFILE_OBJECT *FileObject, PDEVICE_OBJECT *DeviceObject);
 PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp);
+PIRP NTAPI IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject, PVOID InputBuffer,
+                                         ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
+                                         BOOLEAN InternalDeviceIoControl, PKEVENT Event,
+                                         PIO_STATUS_BLOCK IoStatusBlock);
 
 NTSIM_END_DECLS
 

@@ -29,6 +29,32 @@ static inline VOID KeMemoryBarrier(void) {
 #define EVENT_INCREMENT 1
 #define IO_NO_INCREMENT 0
 
+// Processors and their groups. A system-wide processor index counts every active processor of
+// every group; a processor number is relative to its group.
+typedef ULONG_PTR KAFFINITY, *PKAFFINITY;
+#define ALL_PROCESSOR_GROUPS 0xffff
+#define INVALID_PROCESSOR_INDEX 0xffffffff
+#define MAXIMUM_PROC_PER_GROUP 64
+
+typedef struct _PROCESSOR_NUMBER {
+  USHORT Group;
+  UCHAR Number;
+  UCHAR Reserved;
+} PROCESSOR_NUMBER, *PPROCESSOR_NUMBER;
+
+typedef struct _GROUP_AFFINITY {
+  KAFFINITY Mask;
+  USHORT Group;
+  USHORT Reserved[3];
+} GROUP_AFFINITY, *PGROUP_AFFINITY;
+
+// What KeStackAttachProcess saves for its KeUnstackDetachProcess; sized as the kernel's.
+typedef struct _KAPC_STATE {
+  LIST_ENTRY ApcListHead[2];
+  PKPROCESS Process;
+  UCHAR Reserved[8];
+} KAPC_STATE, *PKAPC_STATE, *PRKAPC_STATE;
+
 NTSIM_BEGIN_DECLS
 
 KIRQL NTAPI KeGetCurrentIrql(void);
@@ -53,5 +79,17 @@ LONG NTAPI KeResetEvent(PRKEVENT Event);
 LONG NTAPI KeReadStateEvent(PRKEVENT Event);
 NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
                                      BOOLEAN Alertable, PLARGE_INTEGER Timeout);
+NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
+
+ULONG NTAPI KeQueryActiveProcessorCountEx(USHORT GroupNumber);
+USHORT NTAPI KeQueryActiveGroupCount(void);
+NTSTATUS NTAPI KeGetProcessorNumberFromIndex(ULONG ProcIndex, PPROCESSOR_NUMBER ProcNumber);
+ULONG NTAPI KeGetProcessorIndexFromNumber(PPROCESSOR_NUMBER ProcNumber);
+ULONG NTAPI KeGetCurrentProcessorNumberEx(PPROCESSOR_NUMBER ProcNumber);
+VOID NTAPI KeSetSystemGroupAffinityThread(PGROUP_AFFINITY Affinity, PGROUP_AFFINITY PreviousAffinity);
+VOID NTAPI KeRevertToUserGroupAffinityThread(PGROUP_AFFINITY PreviousAffinity);
+
+VOID NTAPI KeStackAttachProcess(PRKPROCESS Process, PRKAPC_STATE ApcState);
+VOID NTAPI KeUnstackDetachProcess(PRKAPC_STATE ApcState);
 
 NTSIM_END_DECLS

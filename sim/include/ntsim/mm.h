@@ -1,10 +1,68 @@
-// Memory manager: routine lookup by name.
+// Memory manager: routine lookup by name, memory descriptor lists and their mappings into system and
+// user space.
 #pragma once
 
-#include "ntsim/status.h"
+#include "ntsim/io.h"
+
+typedef ULONG_PTR PFN_NUMBER, *PPFN_NUMBER;
+
+typedef enum _MEMORY_CACHING_TYPE {
+  MmNonCached = 0,
+  MmCached = 1,
+  MmWriteCombined = 2,
+  MmHardwareCoherentCached = 3,
+  MmNonCachedUnordered = 4,
+  MmUSWCCached = 5,
+  MmMaximumCacheType = 6,
+  MmNotMapped = -1
+} MEMORY_CACHING_TYPE;
+
+typedef enum _MM_PAGE_PRIORITY {
+  LowPagePriority = 0,
+  NormalPagePriority = 16,
+  HighPagePriority = 32
+} MM_PAGE_PRIORITY;
+
+#define MDL_MAPPED_TO_SYSTEM_VA 0x0001
+#define MDL_PAGES_LOCKED 0x0002
+#define MDL_SOURCE_IS_NONPAGED_POOL 0x0004
+#define MDL_ALLOCATED_FIXED_SIZE 0x0008
+#define MDL_PARTIAL 0x0010
+
+#define PAGE_SHIFT 12
+#define BYTE_OFFSET(Va) ((ULONG)((LONG_PTR)(Va) & (PAGE_SIZE - 1)))
+#define PAGE_ALIGN(Va) ((PVOID)((ULONG_PTR)(Va) & ~(ULONG_PTR)(PAGE_SIZE - 1)))
+#define ADDRESS_AND_SIZE_TO_SPAN_PAGES(Va, Size) \
+  ((ULONG)(((ULONG_PTR)BYTE_OFFSET(Va) + (SIZE_T)(Size) + (PAGE_SIZE - 1)) >> PAGE_SHIFT))
+
+// As the DDK defines it: the MDL header, then one page-frame entry per page the buffer spans.
+#define MmInitializeMdl(MemoryDescriptorList, BaseVa, Length)                                          \
+  do {                                                                                                 \
+    (MemoryDescriptorList)->Next = (PMDL)NULL;                                                         \
+    (MemoryDescriptorList)->Size =                                                                     \
+        (CSHORT)(sizeof(MDL) + (sizeof(PFN_NUMBER) * ADDRESS_AND_SIZE_TO_SPAN_PAGES((BaseVa), (Length)))); \
+    (MemoryDescriptorList)->MdlFlags = 0;                                                              \
+    (MemoryDescriptorList)->StartVa = (PVOID)PAGE_ALIGN((BaseVa));                                     \
+    (MemoryDescriptorList)->ByteOffset = BYTE_OFFSET((BaseVa));                                        \
+    (MemoryDescriptorList)->ByteCount = (ULONG)(Length);                                               \
+  } while (0)
+
+#define MmGetMdlPfnArray(Mdl) ((PPFN_NUMBER)((Mdl) + 1))
+#define MmGetMdlVirtualAddress(Mdl) ((PVOID)((PCHAR)((Mdl)->StartVa) + (Mdl)->ByteOffset))
+#define MmGetMdlByteCount(Mdl) ((Mdl)->ByteCount)
+#define MmGetMdlByteOffset(Mdl) ((Mdl)->ByteOffset)
 
 NTSIM_BEGIN_DECLS
 
 PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName);
+
+SIZE_T NTAPI MmSizeOfMdl(PVOID Base, SIZE_T Length);
+PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota, PIRP Irp);
+VOID NTAPI IoFreeMdl(PMDL Mdl);
+VOID NTAPI MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList);
+PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode,
+                                         MEMORY_CACHING_TYPE CacheType, PVOID RequestedAddress,
+                                         ULONG BugCheckOnFailure, ULONG Priority);
+VOID NTAPI MmUnmapLockedPages(PVOID BaseAddress, PMDL MemoryDescriptorList);
 
 NTSIM_END_DECLS

@@ -12,6 +12,7 @@
 #include "ntsim/se.h"
 #include "ntsim/io.h"
 #include "ntsim/file.h"
+#include "ntsim/mountmgr.h"
 #include "ntsim/ps.h"
 #include "ntsim/cm.h"
 #include "ntsim/mm.h"

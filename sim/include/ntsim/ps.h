@@ -69,6 +69,14 @@ typedef struct _IMAGE_INFO_EX {
   struct _FILE_OBJECT *FileObject;
 } IMAGE_INFO_EX, *PIMAGE_INFO_EX;
 
+// System threads.
+typedef VOID NTAPI KSTART_ROUTINE(PVOID StartContext);
+typedef KSTART_ROUTINE *PKSTART_ROUTINE;
+#define THREAD_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0xFFFF)
+#define PROCESS_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0xFFFF)
+#define NtCurrentProcess() ((HANDLE)(LONG_PTR)-1)
+#define NtCurrentThread() ((HANDLE)(LONG_PTR)-2)
+
 typedef VOID NTAPI LOAD_IMAGE_NOTIFY_ROUTINE(PUNICODE_STRING FullImageName, HANDLE ProcessId, PIMAGE_INFO ImageInfo);
 typedef LOAD_IMAGE_NOTIFY_ROUTINE *PLOAD_IMAGE_NOTIFY_ROUTINE;
 
@@ -80,5 +88,13 @@ NTSTATUS NTAPI PsSetCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Noti
 NTSTATUS NTAPI PsRemoveCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE NotifyRoutine);
 NTSTATUS NTAPI PsSetLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE NotifyRoutine);
 NTSTATUS NTAPI PsRemoveLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE NotifyRoutine);
+
+NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                                    HANDLE ProcessHandle, PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine,
+                                    PVOID StartContext);
+NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS ExitStatus);
+HANDLE NTAPI PsGetProcessId(PEPROCESS Process);
+HANDLE NTAPI PsGetThreadId(PETHREAD Thread);
+PEPROCESS NTAPI IoGetCurrentProcess(void);
 
 NTSIM_END_DECLS

@@ -300,7 +300,8 @@ bool MountVolume(IoManager& io, const std::u16string& deviceName) {
                                     redirector ? FILE_DEVICE_NETWORK_FILE_SYSTEM : FILE_DEVICE_DISK, 0, FALSE, &device);
   if (!NT_SUCCESS(status)) return false;
   device->AlignmentRequirement = 1;  // FILE_WORD_ALIGNMENT
-  device->Flags &= ~DO_DEVICE_INITIALIZING;
+  // Published with release order: opens racing the mount read the flag without the mount's lock.
+  __atomic_and_fetch(&device->Flags, ~static_cast<ULONG>(DO_DEVICE_INITIALIZING), __ATOMIC_RELEASE);
   g_mounts.devices[Upcase(name)] = device;
   return true;
 }

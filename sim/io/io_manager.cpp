@@ -501,7 +501,8 @@ NTSTATUS IoManager::CreateFile(const CreateRequest& request, HANDLE* handle, ULO
     return STATUS_OBJECT_TYPE_MISMATCH;
   }
   auto* device = static_cast<PDEVICE_OBJECT>(header->Body());
-  if (device->Flags & DO_DEVICE_INITIALIZING) {
+  // A device is named before its driver clears the flag; volumes appear while others open files.
+  if (__atomic_load_n(&device->Flags, __ATOMIC_ACQUIRE) & DO_DEVICE_INITIALIZING) {
     ob_->Dereference(device);
     return STATUS_NO_SUCH_DEVICE;
   }

@@ -26,6 +26,19 @@ ULONG64 sk_DosNameKey(PCUNICODE_STRING VolumeName) {
   return ((ULONG64)skt_HashBKDR(VolumeName) << 32) | skt_HashDJB(VolumeName);
 }
 
+// The checks every add and lookup starts with: the table running, and both names given.
+static NTSTATUS sk_CheckDosNameMgr(PSK_DOS_NAME_MGR DosNameMgr, const VOID *VolumeName, const VOID *DosName) {
+  if (!DosNameMgr || !(DosNameMgr->Flags & SK_DOS_NAME_MGR_INITED)) {
+    SK_ERROR("Dos Name Mgr no Inited\n");
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  if (!VolumeName || !DosName) {
+    SK_ERROR("Invalid Parameter\n");
+    return STATUS_INVALID_PARAMETER;
+  }
+  return STATUS_SUCCESS;
+}
+
 // A string block holding a copy of String behind Prefix (which may be null).
 static PUNICODE_STRING sk_CopyWithPrefix(PCWSTR Prefix, PCUNICODE_STRING String) {
   UNICODE_STRING prefix;
@@ -50,16 +63,8 @@ NTSTATUS sk_AddDosNameInfo(PSK_DOS_NAME_MGR DosNameMgr, BOOLEAN TakeLock, PCUNIC
   BOOLEAN inserted = FALSE;
 
   SK_ENTER();
-  if (!DosNameMgr || !(DosNameMgr->Flags & SK_DOS_NAME_MGR_INITED)) {
-    SK_ERROR("Dos Name Mgr no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
-  if (!VolumeName || !DosName) {
-    SK_ERROR("Invalid Parameter\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Exit;
-  }
+  status = sk_CheckDosNameMgr(DosNameMgr, VolumeName, DosName);
+  if (!NT_SUCCESS(status)) goto Exit;
 
   RtlZeroMemory(&element, sizeof(element));
   element.Tag = SK_RECORD_DOS_NAME_NODE;
@@ -129,16 +134,8 @@ NTSTATUS sk_LookupDosName(PSK_DOS_NAME_MGR DosNameMgr, PCUNICODE_STRING VolumeNa
   PUNICODE_STRING answer;
 
   SK_ENTER();
-  if (!DosNameMgr || !(DosNameMgr->Flags & SK_DOS_NAME_MGR_INITED)) {
-    SK_ERROR("Dos Name Mgr no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
-  if (!VolumeName || !DosName) {
-    SK_ERROR("Invalid Parameter\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Exit;
-  }
+  status = sk_CheckDosNameMgr(DosNameMgr, VolumeName, DosName);
+  if (!NT_SUCCESS(status)) goto Exit;
   RtlZeroMemory(&probe, sizeof(probe));
   probe.Key = sk_DosNameKey(VolumeName);
   answer = skt_AllocateUnicodeStringSelf(PagedPool, SK_DOS_NAME_LOOKUP_CAPACITY);

@@ -390,6 +390,21 @@ static NTSTATUS sk_DosPathFromMountManager(PCUNICODE_STRING NtPath, PUNICODE_STR
   return STATUS_SUCCESS;
 }
 
+// The end of both conversions: the DOS path made from the NT name (from the table or from the
+// mount manager) where asked for, then the NT name handed over or freed. Without a DOS part the
+// NT path still stands.
+static VOID sk_HandOverPaths(PUNICODE_STRING NtName, BOOLEAN FromTable, PUNICODE_STRING *NtPath,
+                             PUNICODE_STRING *DosPath) {
+  if (NtPath) SK_INFO("NtPath:%wZ\n", NtName);
+  if (DosPath) {
+    *DosPath = NULL;
+    if (FromTable) sk_DosPathFromTable(NtName, DosPath);
+    else sk_DosPathFromMountManager(NtName, DosPath);
+  }
+  if (NtPath) *NtPath = NtName;
+  else skt_FreeUnicodeStringSelf(NtName);
+}
+
 NTSTATUS skt_PathConvertToNtPath(POOL_TYPE PoolType, BOOLEAN IsDirectory, PFILE_OBJECT FileObject,
                                  PUNICODE_STRING Path, PUNICODE_STRING *NtPath, PUNICODE_STRING *DosPath) {
   NTSTATUS status = STATUS_SUCCESS;
@@ -411,13 +426,7 @@ NTSTATUS skt_PathConvertToNtPath(POOL_TYPE PoolType, BOOLEAN IsDirectory, PFILE_
   sk_ClosePath(handle, file, FALSE);
   if (!NT_SUCCESS(status)) goto Exit;
 
-  if (NtPath) SK_INFO("NtPath:%wZ\n", ntName);
-  if (DosPath) {
-    *DosPath = NULL;
-    sk_DosPathFromMountManager(ntName, DosPath);  // without a DOS part the NT path still stands
-  }
-  if (NtPath) *NtPath = ntName;
-  else skt_FreeUnicodeStringSelf(ntName);
+  sk_HandOverPaths(ntName, FALSE, NtPath, DosPath);
 Exit:
   SK_LEAVE(status);
   return status;
@@ -448,13 +457,7 @@ NTSTATUS skt_ImagePathConvertToNtPath(POOL_TYPE PoolType, PFILE_OBJECT FileObjec
   }
   if (!NT_SUCCESS(status)) goto Exit;
 
-  if (NtPath) SK_INFO("NtPath:%wZ\n", ntName);
-  if (DosPath) {
-    *DosPath = NULL;
-    sk_DosPathFromTable(ntName, DosPath);  // without a DOS part the NT path still stands
-  }
-  if (NtPath) *NtPath = ntName;
-  else skt_FreeUnicodeStringSelf(ntName);
+  sk_HandOverPaths(ntName, TRUE, NtPath, DosPath);
 Exit:
   SK_LEAVE(status);
   return status;

@@ -18,6 +18,7 @@ std::atomic<uint64_t> g_generation{0};
 Kernel::Kernel(const MachineConfig& machine) : config(machine), generation(++g_generation) {
   Kernel* previous = g_kernel;
   g_kernel = this;  // boot steps below already call kernel routines
+  modules.Boot(KernelExports(config), config.listKernelImage);
   PublishObjectTypes(ob);
   ps.Boot(ob);
   io.Boot(ob);
@@ -37,6 +38,7 @@ Kernel::~Kernel() {
   mm.ReleaseAll();
   pool.ReleaseAll();
   faults.ReleaseAll();
+  modules.Teardown();
   g_kernel = previous == this ? nullptr : previous;
   ResetCurrentThreadBinding();
 }

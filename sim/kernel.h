@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "cm/registry.h"
 #include "debug_output.h"
@@ -9,6 +11,8 @@
 #include "internal_arena.h"
 #include "io/io_manager.h"
 #include "mm/fault_map.h"
+#include "mm/kernel_modules.h"
+#include "mm/process_memory.h"
 #include "mm/user_views.h"
 #include "ob/object_manager.h"
 #include "ps/notify.h"
@@ -22,7 +26,14 @@ struct MachineConfig {
   int processors = 4;       // active processors, in all groups
   int processorGroups = 1;  // groups they are split into (see ke/processors.h)
   int windowsMajor = 10;
+  // Routines this kernel does not export ("PsAcquireProcessExitSynchronization", ...).
+  std::vector<std::string> missingRoutines;
+  // Whether SystemModuleInformation lists the kernel image (a module list that lacks it).
+  bool listKernelImage = true;
 };
+
+// The routines the kernel image exports on this machine.
+std::vector<KernelModules::Routine> KernelExports(const MachineConfig& config);
 
 struct Kernel {
   explicit Kernel(const MachineConfig& config);
@@ -35,6 +46,8 @@ struct Kernel {
   Verifier verifier;
   DebugOutput debug;
   FaultMap faults;
+  ProcessMemory userMemory;  // outlives the processes whose memory it holds
+  KernelModules modules;
   InternalArena arena;
   Pool pool;
   MemoryManager mm;

@@ -19,6 +19,7 @@ namespace {
 
 constexpr NTSTATUS kStatusImageAlreadyLoaded = (NTSTATUS)0xC000010EL;
 constexpr NTSTATUS kStatusInvalidImageFormat = (NTSTATUS)0xC000007BL;
+constexpr uint64_t kDefaultImageSize = 0x20000;
 
 HANDLE IdHandle(uint64_t id) { return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(id)); }
 
@@ -443,25 +444,56 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
   Kernel& k = *kernel_;
   _KPROCESS* parent = k.ps.FindProcess(spec.parentPid);
   if (!parent) Stop("CreateProcess: the parent process " + std::to_string(spec.parentPid) + " is not running");
-  _KTHREAD* creator = k.ps.ActingThread(parent);
+  uint64_t creatorPid = spec.creatorPid ? spec.creatorPid : spec.parentPid;
+  _KPROCESS* creatorProcess = k.ps.FindProcess(creatorPid);
+  if (!creatorProcess) Stop("CreateProcess: the creating process " + std::to_string(creatorPid) + " is not running");
+  _KTHREAD* creator = k.ps.ActingThread(creatorProcess);
   _KPROCESS* process = k.ps.CreateProcess(spec.pid, spec.imagePath, spec.parentPid, spec.commandLine);
   if (!process) Stop("CreateProcess: process id " + std::to_string(spec.pid) + " is in use");
+  process->wow64 = spec.wow64;
+  process->sessionId = spec.sessionId;
+  process->devicePath = DevicePath(spec.imagePath);
+  process->imageFile = ReferenceImageFile(spec.imagePath);
+
+  // Its address space: the environment block and parameters, then its executable and ntdll.dll.
+  EnvironmentSpec environment;
+  environment.imagePath = spec.imagePath.rfind(u"\\??\\", 0) == 0 ? spec.imagePath.substr(4) : spec.imagePath;
+  environment.commandLine = spec.commandLine;
+  environment.currentDirectory = spec.currentDirectory;
+  environment.normalized = spec.normalizedParameters;
+  environment.wow64 = spec.wow64;
+  EnvironmentBlock block = BuildEnvironment(k.userMemory, process, environment);
+  process->peb = block.peb;
+  process->wow64Peb = block.wow64Peb;
+  AddressSpace::Allocation memory;
+  memory.base = block.base;
+  memory.regions.push_back({block.size, MEM_COMMIT, PAGE_READWRITE});
+  if (!process->addressSpace.Add(memory)) Stop("CreateProcess: the environment block lies outside user space");
+  std::vector<std::pair<std::u16string, uint64_t>> images;
+  if (spec.mapExecutable) {
+    images.emplace_back(spec.imagePath, PlaceImage(process, spec.imagePath, 0, 0, spec.wow64 ? 0x400000 : 0x7FF600000000));
+    images.emplace_back(u"\\SystemRoot\\System32\\ntdll.dll",
+                        PlaceImage(process, u"\\SystemRoot\\System32\\ntdll.dll", 0, 0, 0x7FFE00000000));
+  }
+
   _KTHREAD* initial = k.ps.CreateThread(process, true);
+  if (!images.empty()) initial->win32StartAddress = images.front().second + 0x1000;  // the entry point
   UserProcess* user;
   {
     std::lock_guard<std::mutex> lock(processesMutex_);
     processes_.push_back(std::make_unique<UserProcess>(*this, process, initial));
     user = processes_.back().get();
   }
+  user->environment_ = block;
   {
-    ThreadScope scope(creator, parent->isSystem ? KernelMode : UserMode);
+    ThreadScope scope(creator, creatorProcess->isSystem ? KernelMode : UserMode);
     std::u16string imagePath = spec.imagePath, commandLine = spec.commandLine;  // what the routines see
     UNICODE_STRING imageName = Counted(imagePath), command = Counted(commandLine);
     PS_CREATE_NOTIFY_INFO info = {};
     info.Size = sizeof info;
     info.FileOpenNameAvailable = TRUE;
     info.ParentProcessId = IdHandle(spec.parentPid);
-    info.CreatingThreadId.UniqueProcess = IdHandle(parent->id);
+    info.CreatingThreadId.UniqueProcess = IdHandle(creatorProcess->id);
     info.CreatingThreadId.UniqueThread = IdHandle(creator->id);
     info.FileObject = ReferenceImageFile(spec.imagePath);
     info.ImageFileName = &imageName;
@@ -473,6 +505,10 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
     k.notify.ThreadCreated(IdHandle(process->id), IdHandle(initial->id));
   }
   k.ps.OfferThread(process, initial);
+  for (const auto& [path, base] : images) {
+    ThreadScope scope(k.ps.ActingThread(process), UserMode);
+    NotifyImage(path, process->id, base, kDefaultImageSize, false);
+  }
   return *user;
 }
 
@@ -490,8 +526,11 @@ void World::EndThread(_KTHREAD* thread) {
   ThreadScope scope(thread, KernelMode);
   if (thread->announced) k.notify.ThreadExited(IdHandle(process->id), IdHandle(thread->id));
   if (end.last) {
+    k.ps.WaitForExitSynchronization(process);
     k.notify.ProcessExited(process, IdHandle(process->id), IdHandle(process->parentId));
     k.ob.CloseAll(process->handles);
+    if (PFILE_OBJECT image = k.ps.TakeImageFile(process)) k.ob.Dereference(image);
+    k.userMemory.ReleaseProcess(process);
     // The address space goes now: a view of driver memory still in it is a bug check.
     for (const UserView& view : k.mm.TakeViewsOf(process)) {
       k.verifier.Violation("process exit", "process " + std::to_string(process->id) +
@@ -507,11 +546,12 @@ void World::ExitProcess(UserProcess& process) {
   for (_KTHREAD* thread : threads) EndThread(thread);
 }
 
-uint64_t World::StartThread(UserProcess& process, UserProcess* creator) {
+uint64_t World::StartThread(UserProcess& process, UserProcess* creator, uint64_t startAddress) {
   Kernel& k = *kernel_;
   _KPROCESS* creatorProcess = creator ? creator->Process() : process.Process();
   _KTHREAD* creating = k.ps.ActingThread(creatorProcess);
   _KTHREAD* thread = k.ps.CreateThread(process.Process(), true);
+  thread->win32StartAddress = startAddress;
   ThreadScope scope(creating, UserMode);
   k.notify.ThreadCreated(IdHandle(process.Id()), IdHandle(thread->id));
   return thread->id;
@@ -540,15 +580,83 @@ void World::NotifyImage(const std::u16string& ntImagePath, uint64_t processId, u
   kernel_->ob.Dereference(info.FileObject);
 }
 
-void World::MapImage(UserProcess& process, const std::u16string& ntImagePath, uint64_t base, uint64_t size) {
-  ThreadScope scope(kernel_->ps.ActingThread(process.Process()), UserMode);
-  NotifyImage(ntImagePath, process.Id(), base, size, false);
+std::u16string World::DevicePath(const std::u16string& ntPath) {
+  PFILE_OBJECT file = ReferenceImageFile(ntPath);
+  std::u16string name;
+  if (!NT_SUCCESS(kernel_->io.QueryFileObjectName(file, &name))) name = ntPath;
+  kernel_->ob.Dereference(file);
+  return name;
 }
 
-void World::LoadKernelImage(const std::u16string& ntImagePath, uint64_t base, uint64_t size) {
+uint64_t World::PlaceImage(_KPROCESS* process, const std::u16string& ntImagePath, uint64_t base, uint64_t size,
+                           uint64_t from) {
+  if (size == 0) size = kDefaultImageSize;
+  size = (size + PAGE_SIZE - 1) & ~uint64_t(PAGE_SIZE - 1);
+  if (size < 3 * PAGE_SIZE) size = 3 * PAGE_SIZE;
+  bool chosen = base == 0;
+  // Where the loader puts DLLs: high, or low in a Wow64 process.
+  if (from == 0) from = process->wow64 ? 0x10000000 : 0x7FF800000000;
+  // A header page, code, then data, as the sections of a typical image.
+  AddressSpace::Allocation view;
+  view.base = base;
+  view.type = MEM_IMAGE;
+  view.allocationProtect = PAGE_EXECUTE_WRITECOPY;
+  view.mappedName = DevicePath(ntImagePath);
+  uint64_t code = ((size - PAGE_SIZE) / 2 + PAGE_SIZE - 1) & ~uint64_t(PAGE_SIZE - 1);
+  view.regions.push_back({PAGE_SIZE, MEM_COMMIT, PAGE_READONLY});
+  view.regions.push_back({code, MEM_COMMIT, PAGE_EXECUTE_READ});
+  view.regions.push_back({size - PAGE_SIZE - code, MEM_COMMIT, PAGE_WRITECOPY});
+  // A place found free may be taken by another host thread's mapping before this one adds it.
+  for (int tries = 0; chosen && tries < 100; ++tries) {
+    view.base = process->addressSpace.FindFree(size, from);
+    if (view.base != 0 && process->addressSpace.Add(view)) return view.base;
+  }
+  if (chosen || !process->addressSpace.Add(view)) {
+    Stop("MapImage: " + Hex(base, 16) + " (" + std::to_string(size) + " bytes) is not free in process " +
+         std::to_string(process->id));
+  }
+  return base;
+}
+
+uint64_t World::MapImage(UserProcess& process, const std::u16string& ntImagePath, uint64_t base, uint64_t size) {
+  base = PlaceImage(process.Process(), ntImagePath, base, size);
+  ThreadScope scope(kernel_->ps.ActingThread(process.Process()), UserMode);
+  NotifyImage(ntImagePath, process.Id(), base, size ? size : kDefaultImageSize, false);
+  return base;
+}
+
+void World::AllocatePrivate(UserProcess& process, uint64_t base, uint64_t size, bool commit) {
+  AddressSpace::Allocation memory;
+  memory.base = base;
+  memory.regions.push_back({(size + PAGE_SIZE - 1) & ~uint64_t(PAGE_SIZE - 1), commit ? ULONG(MEM_COMMIT) : ULONG(MEM_RESERVE),
+                            PAGE_READWRITE});
+  if (!process.Process()->addressSpace.Add(memory)) {
+    Stop("AllocatePrivate: " + Hex(base, 16) + " is not free in process " + std::to_string(process.Id()));
+  }
+}
+
+uint64_t World::LoadKernelImage(const std::u16string& ntImagePath, uint64_t base, uint64_t size) {
+  std::string path;
+  for (char16_t c : ntImagePath) path.push_back(c < 0x80 ? static_cast<char>(c) : '?');
+  base = kernel_->modules.Add(path, base, static_cast<uint32_t>(size));
   ThreadScope scope(kernel_->ps.ActingThread(kernel_->ps.System()), KernelMode);
   NotifyImage(ntImagePath, 0, base, size, true);
+  return base;
 }
+
+void World::MakeProcessMemoryFault(UserProcess& process, ProcessMemoryPart part) {
+  const EnvironmentBlock& block = process.Environment();
+  void* start = nullptr;
+  switch (part) {
+    case ProcessMemoryPart::EnvironmentBlock: start = block.peb; break;
+    case ProcessMemoryPart::Parameters: start = block.parameters; break;
+    case ProcessMemoryPart::CommandLine: start = block.commandLine; break;
+    case ProcessMemoryPart::CurrentDirectory: start = block.currentDirectory; break;
+  }
+  kernel_->userMemory.MakeFault(start, PAGE_SIZE);
+}
+
+void World::OnProcessSnapshot(std::function<void()> hook) { kernel_->ps.SetSnapshotHook(std::move(hook)); }
 
 void World::FailNotifyRegistration(const std::string& routine, NTSTATUS status) {
   kernel_->notify.FailRegistration(routine, status);

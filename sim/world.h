@@ -3,6 +3,7 @@
 // devices, writes the registry, and gives the verifier's verdict on what the driver left behind.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "fs/file_system.h"
 #include "kernel.h"
+#include "ps/process_environment.h"
 
 namespace ntsim {
 
@@ -22,14 +24,24 @@ struct Verdict {
 
 class World;
 
-// A process to create: its id (0: the next free one), its parent (the System process by default),
-// and its executable's NT path and command line as the creation notifications report them.
+// A process to create: its id (0: the next free one), its parent (the System process by default)
+// and the process whose thread creates it (the parent by default), its executable's NT path and
+// command line as the creation notifications report them, and what its parameter block holds.
 struct ProcessSpec {
   uint64_t pid = 0;
   uint64_t parentPid = 4;
+  uint64_t creatorPid = 0;
   std::u16string imagePath;  // "\??\C:\Windows\System32\notepad.exe"
   std::u16string commandLine;
+  std::u16string currentDirectory = u"C:\\Windows\\System32\\";
+  bool normalizedParameters = true;  // false: the parameter block's strings are still offsets
+  bool wow64 = false;
+  ULONG sessionId = 1;
+  bool mapExecutable = true;  // its executable and ntdll.dll are mapped (and their loads notified)
 };
+
+// The parts of a process's own memory that a test can make fault.
+enum class ProcessMemoryPart { EnvironmentBlock, Parameters, CommandLine, CurrentDirectory };
 
 // A user-mode process: opens devices and issues requests as the Win32 routines would. Each host
 // thread that calls it acts as a thread of its own in the process (the first as its initial
@@ -50,6 +62,7 @@ class UserProcess {
   NTSTATUS SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type, const void* data,
                             ULONG size);
   _KPROCESS* Process() { return process_; }
+  const EnvironmentBlock& Environment() const { return environment_; }
   // Whether the process has exited (ExitProcess, or its last thread ended).
   bool Exited() const;
   // What the process-creation routines left in CreationStatus. A routine may refuse the process
@@ -72,6 +85,7 @@ class UserProcess {
   _KPROCESS* process_;
   uint64_t initialThreadId_;
   NTSTATUS creationStatus_ = STATUS_SUCCESS;
+  EnvironmentBlock environment_;
 };
 
 class World {
@@ -125,11 +139,21 @@ class World {
   // CreateProcess with the System process as parent; a bare file name is taken from System32.
   UserProcess& StartProcess(const std::u16string& imageName);
   void ExitProcess(UserProcess& process);
-  // The new thread's id.
-  uint64_t StartThread(UserProcess& process, UserProcess* creator = nullptr);
+  // The new thread's id; startAddress is where its user-mode code starts (its Win32 start address).
+  uint64_t StartThread(UserProcess& process, UserProcess* creator = nullptr, uint64_t startAddress = 0);
   void ExitThread(uint64_t threadId);
-  void MapImage(UserProcess& process, const std::u16string& ntImagePath, uint64_t base, uint64_t size);
-  void LoadKernelImage(const std::u16string& ntImagePath, uint64_t base, uint64_t size);
+  // Maps an image view into the process's address space (a header page, code, then data; base 0:
+  // the next free place for an image of its kind; size 0: 128 KB) and notifies its load. Returns
+  // its base. A base that is not free stops the test.
+  uint64_t MapImage(UserProcess& process, const std::u16string& ntImagePath, uint64_t base = 0, uint64_t size = 0);
+  // Any other allocation of the process's own: reserved (MEM_RESERVE) or committed private memory.
+  void AllocatePrivate(UserProcess& process, uint64_t base, uint64_t size, bool commit);
+  // Loads a kernel driver image: it joins the module list and its load is notified. Returns its base.
+  uint64_t LoadKernelImage(const std::u16string& ntImagePath, uint64_t base = 0, uint64_t size = 0x20000);
+  // Makes a part of the process's memory fault from now on, for every reader.
+  void MakeProcessMemoryFault(UserProcess& process, ProcessMemoryPart part);
+  // Runs before every answer to the query for the running processes (null: nothing runs).
+  void OnProcessSnapshot(std::function<void()> hook);
   // Makes the named notify-registration routine ("PsSetCreateProcessNotifyRoutineEx2", ...) fail
   // with the status when it registers a routine; STATUS_SUCCESS makes it work again.
   void FailNotifyRegistration(const std::string& routine, NTSTATUS status);
@@ -199,6 +223,9 @@ class World {
   void EndThread(_KTHREAD* thread);
   void NotifyImage(const std::u16string& ntImagePath, uint64_t processId, uint64_t base, uint64_t size,
                    bool kernelImage);
+  uint64_t PlaceImage(_KPROCESS* process, const std::u16string& ntImagePath, uint64_t base, uint64_t size,
+                      uint64_t from = 0);
+  std::u16string DevicePath(const std::u16string& ntPath);
 
   Options options_;
   std::shared_ptr<KeyNode> hives_;

@@ -2,6 +2,7 @@
 
 #include "core/debug_log.h"
 #include "core/sentrel_data.h"
+#include "monitor/module_query.h"
 
 #define SK_MODULE SK_TRACE_CORE
 
@@ -24,23 +25,31 @@ static NTSTATUS sk_FallbackAcquireProcessExitSynchronization(PEPROCESS Process) 
 
 static VOID sk_FallbackReleaseProcessExitSynchronization(PEPROCESS Process) { UNREFERENCED_PARAMETER(Process); }
 
+// From the kernel image's export table once the image is known; otherwise the kernel's own lookup.
 static PVOID sk_LookupRoutine(PSENTREL_DATA Data, PCWSTR Name) {
   UNICODE_STRING name;
   RtlInitUnicodeString(&name, Name);
-  // Once the kernel image is known its export table is searched; that search comes with the
-  // process and module queries. Until then, and on kernels where the image is not found, the
-  // system's own lookup by name is used.
-  UNREFERENCED_PARAMETER(Data);
+  if (Data->KernelImageBase) return skt_MmGetSystemRoutineAddress((PVOID)(ULONG_PTR)Data->KernelImageBase, &name);
   return MmGetSystemRoutineAddress(&name);
 }
 
 void sk_ResolveOptionalRoutines(PSENTREL_DATA Data) {
+  UNICODE_STRING name;
   PVOID routine;
+  PVOID imageBase = NULL;
+  ULONG imageSize = 0;
+  MODULE_ADDRESS_QUERY query;
 
-  // The kernel image is the loaded module whose range contains ZwCreateSection; walking the
-  // module list comes with the module queries, so KernelImageBase stays 0 for now.
-  Data->KernelImageBase = 0;
-  Data->KernelImageSize = 0;
+  // The kernel image is the loaded module whose range holds ZwCreateSection, which every kernel
+  // exports. A module list without it leaves the base at 0.
+  RtlInitUnicodeString(&name, L"ZwCreateSection");
+  query.Status = STATUS_INSUFFICIENT_RESOURCES;
+  query.Address = MmGetSystemRoutineAddress(&name);
+  query.ImageBase = &imageBase;
+  query.ImageSize = &imageSize;
+  skt_EnumSysModule(skt_ModuleContainsAddress, &query);
+  Data->KernelImageBase = NT_SUCCESS(query.Status) ? (ULONG64)(ULONG_PTR)imageBase : 0;
+  Data->KernelImageSize = NT_SUCCESS(query.Status) ? imageSize : 0;
 
   routine = sk_LookupRoutine(Data, L"PsReferenceProcessFilePointer");
   if (routine) SK_INFO("PsReferenceProcessFilePointer:0x%p\n", routine);

@@ -16,3 +16,6 @@
 #define SK_TAG_RING_ARRAY 'rsTg'     // "gTsr": the ring buffers' per-buffer arrays
 #define SK_TAG_RING_MDL 'rMdL'       // "LdMr": the ring buffers' MDL blocks
 #define SK_TAG_RING_BUFFER 'rbTg'    // "gTbr": the per-processor ring buffers
+#define SK_TAG_PROCESS_SNAPSHOT 'pMTg'  // "gTMp": snapshots of the running processes
+#define SK_TAG_MODULE_SNAPSHOT 'sMTg'   // "gTMs": snapshots of the loaded kernel modules
+#define SK_TAG_MAPPED_NAME 'Mnxx'       // "xxnM": the mapped-file-name buffer of the address-space walk

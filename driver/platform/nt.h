@@ -6,6 +6,7 @@
 #if defined(_WIN32) && !defined(SENTREL_HOST)
 #include <ntifs.h>
 #include <mountmgr.h>
+#include <ntimage.h>
 #include "kernel/kernel_decls.h"
 // Aligned 32-bit accesses are atomic on x64; volatile keeps the compiler from caching them.
 #define SK_READ_ONCE(x) (*(volatile __typeof__(x)*)&(x))

@@ -42,6 +42,12 @@ void FaultMap::ReleaseAll() {
 NTSTATUS NtSimGuardedCopy(PVOID Destination, const VOID* Source, SIZE_T Length) {
   ntsim::FaultMap& faults = ntsim::K().faults;
   if (faults.Faults(Source, Length) || faults.Faults(Destination, Length)) return STATUS_ACCESS_VIOLATION;
+  // User memory is readable only in its own process's context.
+  _KPROCESS* current = ntsim::CurrentProcess();
+  ntsim::ProcessMemory& user = ntsim::K().userMemory;
+  if (user.Faults(Source, Length, current) || user.Faults(Destination, Length, current)) {
+    return STATUS_ACCESS_VIOLATION;
+  }
   memmove(Destination, Source, Length);
   return STATUS_SUCCESS;
 }

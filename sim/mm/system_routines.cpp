@@ -1,7 +1,9 @@
-// MmGetSystemRoutineAddress: the routines this kernel exports by name. A routine the simulator
-// does not implement is not exported, just as an older kernel lacks newer routines.
+// The routines this kernel exports by name, and MmGetSystemRoutineAddress, which finds them in the
+// kernel image's export directory. A routine the simulator does not implement is not exported,
+// just as an older kernel lacks newer routines; a machine can be told to lack others too.
+#include <algorithm>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 #include "kernel.h"
 
@@ -9,10 +11,10 @@ using namespace ntsim;
 
 namespace {
 
-#define EXPORT(name) {u## #name, reinterpret_cast<void*>(&name)}
+#define EXPORT(name) {#name, reinterpret_cast<void*>(&name)}
 
-const std::unordered_map<std::u16string, void*>& Exports() {
-  static const std::unordered_map<std::u16string, void*> exports = {
+const std::vector<KernelModules::Routine>& Exports() {
+  static const std::vector<KernelModules::Routine> exports = {
       EXPORT(DbgPrint),
       EXPORT(ExAllocatePoolWithTag),
       EXPORT(ExFreePoolWithTag),
@@ -57,7 +59,7 @@ const std::unordered_map<std::u16string, void*>& Exports() {
       EXPORT(NtOpenFile),
       EXPORT(PsSetCreateProcessNotifyRoutine),
       EXPORT(PsSetCreateProcessNotifyRoutineEx),
-      {u"PsSetCreateProcessNotifyRoutineEx2", reinterpret_cast<void*>(&SetCreateProcessNotifyRoutineEx2)},
+      {"PsSetCreateProcessNotifyRoutineEx2", reinterpret_cast<void*>(&SetCreateProcessNotifyRoutineEx2)},
       EXPORT(PsSetCreateThreadNotifyRoutine),
       EXPORT(PsRemoveCreateThreadNotifyRoutine),
       EXPORT(PsSetLoadImageNotifyRoutine),
@@ -88,6 +90,30 @@ const std::unordered_map<std::u16string, void*>& Exports() {
       EXPORT(ZwOpenKey),
       EXPORT(ZwQueryValueKey),
       EXPORT(ZwSetSecurityObject),
+      EXPORT(ZwCreateSection),
+      EXPORT(ZwQueryVirtualMemory),
+      EXPORT(ZwQueryInformationThread),
+      EXPORT(NtQuerySystemInformation),
+      EXPORT(ZwQuerySystemInformation),
+      EXPORT(KeStackAttachProcess),
+      EXPORT(KeUnstackDetachProcess),
+      EXPORT(IoGetCurrentProcess),
+      EXPORT(PsGetCurrentProcessId),
+      EXPORT(PsLookupProcessByProcessId),
+      EXPORT(PsLookupThreadByThreadId),
+      EXPORT(PsGetProcessPeb),
+      EXPORT(PsGetProcessWow64Process),
+      EXPORT(PsGetProcessCreateTimeQuadPart),
+      EXPORT(PsGetProcessInheritedFromUniqueProcessId),
+      EXPORT(PsGetProcessSessionId),
+      EXPORT(PsReferenceProcessFilePointer),
+      EXPORT(PsAcquireProcessExitSynchronization),
+      EXPORT(PsReleaseProcessExitSynchronization),
+      EXPORT(SeLocateProcessImageName),
+      EXPORT(RtlImageNtHeader),
+      EXPORT(RtlImageDirectoryEntryToData),
+      EXPORT(RtlUnicodeStringToAnsiString),
+      EXPORT(RtlFreeAnsiString),
   };
   return exports;
 }
@@ -96,13 +122,32 @@ const std::unordered_map<std::u16string, void*>& Exports() {
 
 }  // namespace
 
+namespace ntsim {
+
+std::vector<KernelModules::Routine> KernelExports(const MachineConfig& config) {
+  std::vector<KernelModules::Routine> routines;
+  for (const KernelModules::Routine& routine : Exports()) {
+    // Windows 10 added the subsystem-wide process notifications.
+    if (config.windowsMajor < 10 && routine.name == "PsSetCreateProcessNotifyRoutineEx2") continue;
+    if (std::find(config.missingRoutines.begin(), config.missingRoutines.end(), routine.name) !=
+        config.missingRoutines.end()) {
+      continue;
+    }
+    routines.push_back(routine);
+  }
+  return routines;
+}
+
+}  // namespace ntsim
+
 PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName) {
   if (KeGetCurrentIrql() != PASSIVE_LEVEL) {
     K().verifier.Violation("MmGetSystemRoutineAddress", "called above PASSIVE_LEVEL");
   }
-  std::u16string name = ToU16(SystemRoutineName);
-  // Windows 10 added the subsystem-wide process notifications.
-  if (K().config.windowsMajor < 10 && name == u"PsSetCreateProcessNotifyRoutineEx2") return nullptr;
-  auto it = Exports().find(name);
-  return it == Exports().end() ? nullptr : it->second;
+  std::string name;
+  for (char16_t c : ToU16(SystemRoutineName)) {
+    if (c >= 0x80) return nullptr;  // export names are ASCII
+    name.push_back(static_cast<char>(c));
+  }
+  return K().modules.RoutineAddress(name);
 }

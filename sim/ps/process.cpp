@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
@@ -26,8 +27,16 @@ thread_local const uint64_t t_hostThread = ++g_hostThreads;
 void DestroyProcess(void* body) { static_cast<_KPROCESS*>(body)->~_KPROCESS(); }
 void DestroyThread(void* body) { static_cast<_KTHREAD*>(body)->~_KTHREAD(); }
 
-void Forget(std::vector<_KTHREAD*>& threads, _KTHREAD* thread) {
-  threads.erase(std::remove(threads.begin(), threads.end(), thread), threads.end());
+template <typename T>
+void Forget(std::vector<T*>& items, T* item) {
+  items.erase(std::remove(items.begin(), items.end(), item), items.end());
+}
+
+// The system time as the kernel keeps it: 100 ns units since 1601-01-01.
+LONGLONG SystemTimeNow() {
+  constexpr LONGLONG kUnixEpoch = 116444736000000000LL;
+  auto since = std::chrono::system_clock::now().time_since_epoch();
+  return kUnixEpoch + std::chrono::duration_cast<std::chrono::nanoseconds>(since).count() / 100;
 }
 
 }  // namespace
@@ -47,6 +56,7 @@ void ProcessManager::Teardown() {
     std::lock_guard<std::mutex> lock(mutex_);
     objects_.clear();
     liveProcesses_.clear();
+    creationOrder_.clear();
     liveThreads_.clear();
   }
   // The machine goes away: handles are not closed (no driver may run now); the object manager
@@ -70,12 +80,14 @@ _KPROCESS* ProcessManager::CreateProcess(uint64_t id, const std::u16string& imag
   process->imagePath = imagePath;
   process->commandLine = commandLine;
   process->parentId = parentId;
+  process->createTime = SystemTimeNow();
   std::lock_guard<std::mutex> lock(mutex_);
   if (!liveProcesses_.emplace(process->id, process).second) {
     ob_->Dereference(process);
     return nullptr;
   }
   objects_.push_back(process);
+  creationOrder_.push_back(process);
   if (process->id >= nextId_) nextId_ = (process->id + 4) & ~uint64_t(3);
   return process;
 }
@@ -85,6 +97,7 @@ _KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced) {
   thread->id = NewId();
   thread->process = process;
   thread->announced = announced;
+  thread->createTime = SystemTimeNow();
   int processors = static_cast<int>(ProcessorCount());
   std::lock_guard<std::mutex> lock(mutex_);
   if (process->exiting) {
@@ -163,6 +176,7 @@ ProcessManager::ThreadEnd ProcessManager::EndThread(_KTHREAD* thread) {
     end.last = true;
     process->exiting = true;
     liveProcesses_.erase(process->id);
+    Forget(creationOrder_, process);
   }
   return end;
 }
@@ -173,6 +187,65 @@ bool ProcessManager::BeginExit(_KPROCESS* process, std::vector<_KTHREAD*>* threa
   process->exiting = true;
   *threads = process->threads;
   return true;
+}
+
+bool ProcessManager::AcquireExitSynchronization(_KPROCESS* process) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (process->exiting) return false;
+  ++process->exitSynchronization;
+  return true;
+}
+
+void ProcessManager::ReleaseExitSynchronization(_KPROCESS* process) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (process->exitSynchronization == 0) {
+    std::fprintf(stderr, "ntsim: exit synchronization of process %llu released more often than acquired\n",
+                 static_cast<unsigned long long>(process->id));
+    std::abort();
+  }
+  if (--process->exitSynchronization == 0) exitSynchronizationReleased_.notify_all();
+}
+
+void ProcessManager::WaitForExitSynchronization(_KPROCESS* process) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  exitSynchronizationReleased_.wait(lock, [process] { return process->exitSynchronization == 0; });
+}
+
+PFILE_OBJECT ProcessManager::ReferenceImageFile(_KPROCESS* process) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (process->imageFile) ob_->Reference(process->imageFile);
+  return process->imageFile;
+}
+
+PFILE_OBJECT ProcessManager::TakeImageFile(_KPROCESS* process) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  PFILE_OBJECT file = process->imageFile;
+  process->imageFile = nullptr;
+  return file;
+}
+
+std::vector<ProcessManager::ProcessFacts> ProcessManager::Snapshot() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<ProcessFacts> facts;
+  facts.reserve(creationOrder_.size());
+  for (_KPROCESS* process : creationOrder_) {
+    ProcessFacts entry{process->id, process->parentId, process->sessionId, process->createTime, process->imageName, {}};
+    for (_KTHREAD* thread : process->threads) {
+      entry.threads.push_back(ThreadFacts{thread->id, thread->win32StartAddress, thread->createTime});
+    }
+    facts.push_back(std::move(entry));
+  }
+  return facts;
+}
+
+void ProcessManager::SetSnapshotHook(std::function<void()> hook) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  snapshotHook_ = std::move(hook);
+}
+
+std::function<void()> ProcessManager::SnapshotHook() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return snapshotHook_;
 }
 
 _KTHREAD* CurrentThread() {
@@ -189,7 +262,8 @@ _KPROCESS* CurrentProcess() {
   return thread->attachedProcess ? thread->attachedProcess : thread->process;
 }
 
-ThreadScope::ThreadScope(_KTHREAD* thread, KPROCESSOR_MODE previousMode) : thread_(thread) {
+ThreadScope::ThreadScope(_KTHREAD* thread, KPROCESSOR_MODE previousMode)
+    : thread_(thread), attachDepth_(thread->attachDepth) {
   saved_ = (t_binding.generation == K().generation) ? t_binding.thread : nullptr;
   savedMode_ = thread->previousMode;
   t_binding.thread = thread;
@@ -198,6 +272,12 @@ ThreadScope::ThreadScope(_KTHREAD* thread, KPROCESSOR_MODE previousMode) : threa
 }
 
 ThreadScope::~ThreadScope() {
+  // Driver code that the scope ran must have undone every attach it made.
+  if (thread_->attachDepth != attachDepth_) {
+    K().verifier.Violation("KeStackAttachProcess", "thread " + std::to_string(thread_->id) +
+                                                       " returned from driver code still attached to process " +
+                                                       std::to_string(thread_->attachedProcess->id));
+  }
   thread_->previousMode = savedMode_;
   t_binding.thread = saved_;
 }

@@ -10,7 +10,9 @@
 // not acting threads of any host thread; they run only for their own exit.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,6 +20,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "mm/address_space.h"
 #include "ob/object_manager.h"
 
 struct _KPROCESS {
@@ -26,19 +29,30 @@ struct _KPROCESS {
   std::u16string imageName;  // the executable's file name: "agent.exe"
   std::u16string imagePath;  // its NT path: "\??\C:\Windows\System32\agent.exe"
   std::u16string commandLine;
+  std::u16string devicePath;  // the executable as SeLocateProcessImageName names it: "\Device\HarddiskVolume3\..."
   bool isSystem = false;
+  bool wow64 = false;
+  ULONG sessionId = 0;
+  LONGLONG createTime = 0;  // system time, 100 ns units
   ntsim::HandleTable handles{false};
+  ntsim::AddressSpace addressSpace;
+  void* peb = nullptr;       // the 64-bit environment block, in the process's own memory
+  void* wow64Peb = nullptr;  // the 32-bit one of a Wow64 process
 
   // Guarded by the process manager's lock.
   bool exiting = false;                           // its exit has begun: no host thread may start acting in it
   std::vector<_KTHREAD*> threads;                 // live threads, in creation order
   std::map<uint64_t, _KTHREAD*> acting;           // host thread (its number) -> the thread it acts as here
   _KTHREAD* spare = nullptr;                      // the initial thread, until a host thread acts as it
+  struct _FILE_OBJECT* imageFile = nullptr;       // referenced from creation to exit
+  int exitSynchronization = 0;                    // PsAcquireProcessExitSynchronization holds
 };
 
 struct _KTHREAD {
   uint64_t id = 0;
   _KPROCESS* process = nullptr;
+  uint64_t win32StartAddress = 0;  // where its user-mode code starts
+  LONGLONG createTime = 0;
   KIRQL irql = PASSIVE_LEVEL;
   int kernelApcDisable = 0;  // raised by KeEnterCriticalRegion
   KPROCESSOR_MODE previousMode = KernelMode;
@@ -99,13 +113,42 @@ class ProcessManager {
   // Begins a process's exit: its live threads, in creation order; false if its exit had begun.
   bool BeginExit(_KPROCESS* process, std::vector<_KTHREAD*>* threads);
 
+  // PsAcquireProcessExitSynchronization and its release: an exit waits for every hold to go.
+  bool AcquireExitSynchronization(_KPROCESS* process);
+  void ReleaseExitSynchronization(_KPROCESS* process);
+  void WaitForExitSynchronization(_KPROCESS* process);
+  // The image file a process was created from: referenced for the caller, or null once it exited.
+  struct _FILE_OBJECT* ReferenceImageFile(_KPROCESS* process);
+  struct _FILE_OBJECT* TakeImageFile(_KPROCESS* process);
+
+  // What NtQuerySystemInformation reports: live processes in creation order with their threads.
+  struct ThreadFacts {
+    uint64_t id;
+    uint64_t startAddress;
+    LONGLONG createTime;
+  };
+  struct ProcessFacts {
+    uint64_t id, parentId;
+    ULONG sessionId;
+    LONGLONG createTime;
+    std::u16string imageName;
+    std::vector<ThreadFacts> threads;
+  };
+  std::vector<ProcessFacts> Snapshot();
+  // Runs before every snapshot, outside any lock: tests change the machine between two queries.
+  void SetSnapshotHook(std::function<void()> hook);
+  std::function<void()> SnapshotHook();
+
   uint64_t NewId();
 
  private:
   std::mutex mutex_;
+  std::condition_variable exitSynchronizationReleased_;
+  std::function<void()> snapshotHook_;
   ObjectManager* ob_ = nullptr;
   _KPROCESS* system_ = nullptr;
   std::vector<void*> objects_;  // every process and thread made, each holding a reference
+  std::vector<_KPROCESS*> creationOrder_;  // live processes
   std::unordered_map<uint64_t, _KPROCESS*> liveProcesses_;
   std::unordered_map<uint64_t, _KTHREAD*> liveThreads_;
   uint64_t nextId_ = 8;
@@ -129,6 +172,7 @@ class ThreadScope {
   _KTHREAD* saved_;
   KPROCESSOR_MODE savedMode_;
   _KTHREAD* thread_;
+  int attachDepth_;
 };
 
 // Forgets the calling host thread's binding (the kernel it belonged to is gone).

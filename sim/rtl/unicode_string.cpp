@@ -3,6 +3,8 @@
 
 namespace {
 
+constexpr ULONG kRtlStringTag = 0x67727453;  // "Strg"
+
 size_t WideLength(PCWSTR s) {
   size_t n = 0;
   while (s[n]) ++n;
@@ -118,4 +120,35 @@ BOOLEAN NTAPI RtlPrefixUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING 
   UNICODE_STRING head = *String2;
   head.Length = String1->Length;
   return RtlCompareUnicodeString(String1, &head, CaseInSensitive) == 0;
+}
+
+// The system's ANSI code page here is plain ASCII: a character it cannot represent becomes '?'.
+NTSTATUS NTAPI RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString, PCUNICODE_STRING SourceString,
+                                            BOOLEAN AllocateDestinationString) {
+  size_t chars = SourceString->Length / sizeof(WCHAR);
+  if (chars + 1 > 0xFFFF) return STATUS_INVALID_PARAMETER_2;
+  NTSTATUS status = STATUS_SUCCESS;
+  if (AllocateDestinationString) {
+    DestinationString->MaximumLength = static_cast<USHORT>(chars + 1);
+    DestinationString->Buffer = static_cast<PCHAR>(
+        ntsim::K().pool.Allocate(PagedPool, chars + 1, kRtlStringTag, "RtlUnicodeStringToAnsiString"));
+    if (!DestinationString->Buffer) return STATUS_NO_MEMORY;
+  } else if (DestinationString->MaximumLength <= chars) {
+    // What fits is converted, with its terminator where there is room for one.
+    status = STATUS_BUFFER_OVERFLOW;
+    chars = DestinationString->MaximumLength;
+  }
+  for (size_t i = 0; i < chars; ++i) {
+    WCHAR c = SourceString->Buffer[i];
+    DestinationString->Buffer[i] = c < 0x80 ? static_cast<CHAR>(c) : '?';
+  }
+  if (chars < DestinationString->MaximumLength) DestinationString->Buffer[chars] = 0;
+  DestinationString->Length = static_cast<USHORT>(chars);
+  return status;
+}
+
+VOID NTAPI RtlFreeAnsiString(PANSI_STRING AnsiString) {
+  if (AnsiString->Buffer) ntsim::K().pool.Free(AnsiString->Buffer, 0, false, "RtlFreeAnsiString");
+  AnsiString->Buffer = nullptr;
+  AnsiString->Length = AnsiString->MaximumLength = 0;
 }

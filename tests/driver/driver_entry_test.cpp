@@ -184,12 +184,18 @@ TEST(DriverEntryTest, LogShowsTheLoadAndFollowsTheRegistryWhileRunning) {
   world.SetRegistryDwordDirect(DebugKey(), u"PrintLevel", SK_LEVEL_ERROR | SK_LEVEL_INFO);
   world.SetRegistryDwordDirect(DebugKey(), u"TraceLevel", SK_TRACE_CORE);
   ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
-  std::vector<std::string> expected = {
-      " Sentrel DriverEntry Entry",
-      " sk_InitSentrelData Entry",
+  std::vector<std::string> expected = {" Sentrel DriverEntry Entry", " sk_InitSentrelData Entry"};
+  for (const char* routine : {"PsReferenceProcessFilePointer", "SeLocateProcessImageName",
+                              "PsAcquireProcessExitSynchronization", "PsReleaseProcessExitSynchronization"}) {
+    char line[128];
+    std::snprintf(line, sizeof line, "  %s:0x%016llX", routine,
+                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(world.kernel().modules.RoutineAddress(routine))));
+    expected.push_back(line);
+  }
+  expected.insert(expected.end(), {
       " sk_InitSentrelData -> 00000000",
       " Sentrel DriverEntry Leave -> 00000000",
-  };
+  });
   EXPECT_EQ(Messages(world), expected);
 
   // Silence the log while running, then bring it back: each write takes effect at once.
@@ -271,21 +277,85 @@ TEST_F(SentrelDataTest, EachFailingStepUndoesEverythingBeforeIt) {
   EXPECT_TRUE(HasMessage(world, "skt_PathConvertToNtPath fail Status:c000009a"));
 }
 
-TEST_F(SentrelDataTest, MissingOptionalRoutinesGetTheirFallbacks) {
+TEST_F(SentrelDataTest, OptionalRoutinesComeFromTheKernelImageFoundByAddress) {
+  SENTREL_DATA data = {};
+  TraceLevel = SK_TRACE_CORE | SK_TRACE_TOOL;
+  PrintLevel = SK_LEVEL_ERROR | SK_LEVEL_INFO;
+  world.AsSystem([&] {
+    sk_ResolveOptionalRoutines(&data);
+    return 0;
+  });
+  EXPECT_EQ(data.KernelImageBase, world.kernel().modules.KernelImageBase());
+  EXPECT_EQ(data.KernelImageSize, world.kernel().modules.KernelImageSize());
+  EXPECT_TRUE(HasMessage(world, "Get PsReleaseProcessExitSynchronization address"));
+
+  // The routines work on a process of the machine.
+  UserProcess& app = world.StartProcess(u"notepad.exe");
+  PUNICODE_STRING name = nullptr;
+  ASSERT_EQ(world.AsSystem([&] { return data.SeLocateProcessImageName(app.Process(), &name); }), STATUS_SUCCESS);
+  EXPECT_EQ(Text(name), u"\\Device\\HarddiskVolume3\\Windows\\System32\\notepad.exe");
+  ExFreePool(name);
+  PFILE_OBJECT file = nullptr;
+  ASSERT_EQ(data.PsReferenceProcessFilePointer(app.Process(), &file), STATUS_SUCCESS);
+  ObfDereferenceObject(file);
+  EXPECT_EQ(data.PsAcquireProcessExitSynchronization(app.Process()), STATUS_SUCCESS);
+  data.PsReleaseProcessExitSynchronization(app.Process());
+  world.ExitProcess(app);
+  EXPECT_EQ(data.PsReferenceProcessFilePointer(app.Process(), &file), STATUS_UNSUCCESSFUL);
+}
+
+TEST(OptionalRoutinesTest, AKernelWithoutExitSynchronizationStartsWithTheFallback) {
+  World::Options options;
+  options.machine.missingRoutines = {"PsAcquireProcessExitSynchronization"};
+  World world(options);
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  EXPECT_TRUE(world.UnloadDriver().Clean());
+
   SENTREL_DATA data = {};
   world.AsSystem([&] {
     sk_ResolveOptionalRoutines(&data);
     return 0;
   });
-  // This kernel exports none of the four, and its image is not searched by address.
+  UNICODE_STRING release;
+  RtlInitUnicodeString(&release, L"PsReleaseProcessExitSynchronization");
+  EXPECT_EQ(reinterpret_cast<void*>(data.PsReleaseProcessExitSynchronization), MmGetSystemRoutineAddress(&release));
+  // The fallback does nothing and succeeds, even on a process that has exited.
+  UserProcess& app = world.StartProcess(u"notepad.exe");
+  world.ExitProcess(app);
+  EXPECT_EQ(data.PsAcquireProcessExitSynchronization(app.Process()), STATUS_SUCCESS);
+}
+
+TEST(OptionalRoutinesTest, AModuleListWithoutTheKernelImageResolvesByName) {
+  World::Options options;
+  options.machine.listKernelImage = false;
+  options.machine.missingRoutines = {"SeLocateProcessImageName", "PsReferenceProcessFilePointer"};
+  World world(options);
+  PrintLevel = SK_LEVEL_ERROR | SK_LEVEL_INFO;
+  TraceLevel = SK_TRACE_CORE | SK_TRACE_TOOL;
+  SENTREL_DATA data = {};
+  world.AsSystem([&] {
+    sk_ResolveOptionalRoutines(&data);
+    return 0;
+  });
+  PrintLevel = TraceLevel = 0;
   EXPECT_EQ(data.KernelImageBase, 0u);
-  PEPROCESS process = world.kernel().ps.System();
-  EXPECT_EQ(data.PsAcquireProcessExitSynchronization(process), STATUS_SUCCESS);
-  data.PsReleaseProcessExitSynchronization(process);
+  EXPECT_EQ(data.KernelImageSize, 0u);
+  EXPECT_FALSE(HasMessage(world, "Get PsAcquireProcessExitSynchronization address"));
+  UNICODE_STRING acquire;
+  RtlInitUnicodeString(&acquire, L"PsAcquireProcessExitSynchronization");
+  EXPECT_EQ(reinterpret_cast<void*>(data.PsAcquireProcessExitSynchronization), MmGetSystemRoutineAddress(&acquire));
+  EXPECT_TRUE(HasMessage(world, "PsAcquireProcessExitSynchronization:0x" + [&] {
+    char text[32];
+    std::snprintf(text, sizeof text, "%016llX", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(
+                                                    MmGetSystemRoutineAddress(&acquire))));
+    return std::string(text);
+  }()));
+  // The missing two have their fallbacks.
+  UserProcess& app = world.StartProcess(u"notepad.exe");
   PFILE_OBJECT file = nullptr;
-  EXPECT_EQ(data.PsReferenceProcessFilePointer(process, &file), STATUS_NOT_IMPLEMENTED);
+  EXPECT_EQ(data.PsReferenceProcessFilePointer(app.Process(), &file), STATUS_NOT_IMPLEMENTED);
   PUNICODE_STRING name = nullptr;
-  EXPECT_EQ(data.SeLocateProcessImageName(process, &name), STATUS_NOT_IMPLEMENTED);
+  EXPECT_EQ(data.SeLocateProcessImageName(app.Process(), &name), STATUS_NOT_IMPLEMENTED);
 }
 
 }  // namespace

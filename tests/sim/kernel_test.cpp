@@ -712,17 +712,58 @@ TEST(DebugOutputTest, PiecesAreJoinedIntoLines) {
 // ---------------------------------------------------------------------------------------------
 // Routine lookup by name
 
-TEST(SystemRoutineTest, KnownNamesGiveTheRoutineUnknownGiveNull) {
+TEST(SystemRoutineTest, NamesLeadIntoTheKernelImageAndTheAddressesWork) {
   World world;
+  uintptr_t base = world.kernel().modules.KernelImageBase();
+  uint32_t size = world.kernel().modules.KernelImageSize();
+  auto inImage = [&](void* p) {
+    auto at = reinterpret_cast<uintptr_t>(p);
+    return at > base && at < base + size;
+  };
   UNICODE_STRING name;
   RtlInitUnicodeString(&name, L"ExAllocatePoolWithTag");
-  EXPECT_EQ(MmGetSystemRoutineAddress(&name), reinterpret_cast<void*>(&ExAllocatePoolWithTag));
-  RtlInitUnicodeString(&name, L"ObQueryNameString");
-  EXPECT_EQ(MmGetSystemRoutineAddress(&name), reinterpret_cast<void*>(&ObQueryNameString));
+  auto allocate = reinterpret_cast<decltype(&ExAllocatePoolWithTag)>(MmGetSystemRoutineAddress(&name));
+  ASSERT_TRUE(inImage(reinterpret_cast<void*>(allocate)));
+  RtlInitUnicodeString(&name, L"ExFreePoolWithTag");
+  auto release = reinterpret_cast<decltype(&ExFreePoolWithTag)>(MmGetSystemRoutineAddress(&name));
+  ASSERT_TRUE(inImage(reinterpret_cast<void*>(release)));
+  // Called through the export, the routine runs: the pool sees the block come and go.
+  size_t before = world.kernel().pool.Outstanding().size();
+  void* block = allocate(NonPagedPoolNx, 32, 'tseT');
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(world.kernel().pool.Outstanding().size(), before + 1);
+  release(block, 'tseT');
+  EXPECT_EQ(world.kernel().pool.Outstanding().size(), before);
+
+  // The export directory is what the lookup searches: sorted names, each with its function.
+  ULONG directorySize = 0;
+  auto* directory = static_cast<PIMAGE_EXPORT_DIRECTORY>(
+      RtlImageDirectoryEntryToData(reinterpret_cast<PVOID>(base), TRUE, IMAGE_DIRECTORY_ENTRY_EXPORT, &directorySize));
+  ASSERT_NE(directory, nullptr);
+  auto* names = reinterpret_cast<const uint32_t*>(base + directory->AddressOfNames);
+  for (ULONG i = 1; i < directory->NumberOfNames; ++i) {
+    EXPECT_LT(strcmp(reinterpret_cast<const char*>(base + names[i - 1]), reinterpret_cast<const char*>(base + names[i])),
+              0);
+  }
+
   RtlInitUnicodeString(&name, L"exallocatepoolwithtag");  // export names are exact
   EXPECT_EQ(MmGetSystemRoutineAddress(&name), nullptr);
   RtlInitUnicodeString(&name, L"NoSuchKernelRoutine");
   EXPECT_EQ(MmGetSystemRoutineAddress(&name), nullptr);
+}
+
+TEST(SystemRoutineTest, AMachineCanLackRoutines) {
+  World::Options options;
+  options.machine.missingRoutines = {"PsAcquireProcessExitSynchronization"};
+  options.machine.windowsMajor = 8;
+  World world(options);
+  UNICODE_STRING name;
+  RtlInitUnicodeString(&name, L"PsAcquireProcessExitSynchronization");
+  EXPECT_EQ(MmGetSystemRoutineAddress(&name), nullptr);
+  RtlInitUnicodeString(&name, L"PsSetCreateProcessNotifyRoutineEx2");  // newer than this kernel
+  EXPECT_EQ(MmGetSystemRoutineAddress(&name), nullptr);
+  RtlInitUnicodeString(&name, L"PsReleaseProcessExitSynchronization");
+  EXPECT_NE(MmGetSystemRoutineAddress(&name), nullptr);
 }
 
 // ---------------------------------------------------------------------------------------------

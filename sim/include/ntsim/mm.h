@@ -66,3 +66,50 @@ PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_M
 VOID NTAPI MmUnmapLockedPages(PVOID BaseAddress, PMDL MemoryDescriptorList);
 
 NTSIM_END_DECLS
+
+// ---------------------------------------------------------------------------------------------
+// A process's user address space as ZwQueryVirtualMemory describes it.
+
+#define PAGE_NOACCESS 0x01
+#define PAGE_READONLY 0x02
+#define PAGE_READWRITE 0x04
+#define PAGE_WRITECOPY 0x08
+#define PAGE_EXECUTE 0x10
+#define PAGE_EXECUTE_READ 0x20
+#define PAGE_EXECUTE_READWRITE 0x40
+#define PAGE_EXECUTE_WRITECOPY 0x80
+#define MEM_COMMIT 0x00001000
+#define MEM_RESERVE 0x00002000
+#define MEM_FREE 0x00010000
+#define MEM_PRIVATE 0x00020000
+#define MEM_MAPPED 0x00040000
+#define MEM_IMAGE 0x01000000
+
+typedef enum _MEMORY_INFORMATION_CLASS {
+  MemoryBasicInformation = 0,
+  MemoryWorkingSetInformation = 1,
+  MemoryMappedFilenameInformation = 2,
+} MEMORY_INFORMATION_CLASS;
+
+typedef struct _MEMORY_BASIC_INFORMATION {
+  PVOID BaseAddress;
+  PVOID AllocationBase;
+  ULONG AllocationProtect;
+  USHORT PartitionId;
+  SIZE_T RegionSize;
+  ULONG State;
+  ULONG Protect;
+  ULONG Type;
+} MEMORY_BASIC_INFORMATION, *PMEMORY_BASIC_INFORMATION;
+static_assert(sizeof(MEMORY_BASIC_INFORMATION) == 48, "the 64-bit layout");
+
+NTSIM_BEGIN_DECLS
+
+NTSYSAPI NTSTATUS NTAPI ZwQueryVirtualMemory(HANDLE ProcessHandle, PVOID BaseAddress,
+                                             MEMORY_INFORMATION_CLASS MemoryInformationClass, PVOID MemoryInformation,
+                                             SIZE_T MemoryInformationLength, PSIZE_T ReturnLength);
+NTSYSAPI NTSTATUS NTAPI ZwCreateSection(PHANDLE SectionHandle, ACCESS_MASK DesiredAccess,
+                                        POBJECT_ATTRIBUTES ObjectAttributes, PLARGE_INTEGER MaximumSize,
+                                        ULONG SectionPageProtection, ULONG AllocationAttributes, HANDLE FileHandle);
+
+NTSIM_END_DECLS

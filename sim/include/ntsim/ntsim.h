@@ -17,3 +17,4 @@
 #include "ntsim/cm.h"
 #include "ntsim/mm.h"
 #include "ntsim/guard.h"
+#include "ntsim/sysinfo.h"

@@ -80,6 +80,17 @@ typedef KSTART_ROUTINE *PKSTART_ROUTINE;
 typedef VOID NTAPI LOAD_IMAGE_NOTIFY_ROUTINE(PUNICODE_STRING FullImageName, HANDLE ProcessId, PIMAGE_INFO ImageInfo);
 typedef LOAD_IMAGE_NOTIFY_ROUTINE *PLOAD_IMAGE_NOTIFY_ROUTINE;
 
+#define THREAD_QUERY_INFORMATION 0x0040
+#define PROCESS_QUERY_INFORMATION 0x0400
+#define PROCESS_QUERY_LIMITED_INFORMATION 0x1000
+
+typedef enum _THREADINFOCLASS {
+  ThreadBasicInformation = 0,
+  ThreadQuerySetWin32StartAddress = 9,
+} THREADINFOCLASS;
+
+typedef struct _PEB *PPEB;
+
 NTSIM_BEGIN_DECLS
 
 NTSTATUS NTAPI PsSetCreateProcessNotifyRoutine(PCREATE_PROCESS_NOTIFY_ROUTINE NotifyRoutine, BOOLEAN Remove);
@@ -96,5 +107,23 @@ NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS ExitStatus);
 HANDLE NTAPI PsGetProcessId(PEPROCESS Process);
 HANDLE NTAPI PsGetThreadId(PETHREAD Thread);
 PEPROCESS NTAPI IoGetCurrentProcess(void);
+
+// Processes and threads by id: a referenced object, or STATUS_INVALID_PARAMETER (STATUS_INVALID_CID
+// for a thread) when none is alive with that id.
+NTSTATUS NTAPI PsLookupProcessByProcessId(HANDLE ProcessId, PEPROCESS *Process);
+NTSTATUS NTAPI PsLookupThreadByThreadId(HANDLE ThreadId, PETHREAD *Thread);
+PPEB NTAPI PsGetProcessPeb(PEPROCESS Process);
+PVOID NTAPI PsGetProcessWow64Process(PEPROCESS Process);
+LONGLONG NTAPI PsGetProcessCreateTimeQuadPart(PEPROCESS Process);
+HANDLE NTAPI PsGetProcessInheritedFromUniqueProcessId(PEPROCESS Process);
+ULONG NTAPI PsGetProcessSessionId(PEPROCESS Process);
+BOOLEAN NTAPI PsIsSystemThread(PETHREAD Thread);
+PEPROCESS NTAPI PsGetThreadProcess(PETHREAD Thread);
+NTSTATUS NTAPI ZwQueryInformationThread(HANDLE ThreadHandle, THREADINFOCLASS ThreadInformationClass,
+                                        PVOID ThreadInformation, ULONG ThreadInformationLength, PULONG ReturnLength);
+// Not every kernel exports these: drivers find them with MmGetSystemRoutineAddress.
+NTSTATUS NTAPI PsReferenceProcessFilePointer(PEPROCESS Process, struct _FILE_OBJECT **FileObject);
+NTSTATUS NTAPI PsAcquireProcessExitSynchronization(PEPROCESS Process);
+VOID NTAPI PsReleaseProcessExitSynchronization(PEPROCESS Process);
 
 NTSIM_END_DECLS

@@ -91,4 +91,9 @@ BOOLEAN NTAPI RtlValidSid(PSID Sid);
 NTSTATUS NTAPI ZwSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
                                    PSECURITY_DESCRIPTOR SecurityDescriptor);
 
+// The NT path of the process's executable ("\Device\HarddiskVolume3\Windows\notepad.exe") in one
+// paged-pool block (the counted string, then its characters) that the caller frees with ExFreePool.
+// Not every kernel exports it: drivers find it with MmGetSystemRoutineAddress.
+NTSTATUS NTAPI SeLocateProcessImageName(PEPROCESS Process, PUNICODE_STRING *pImageFileName);
+
 NTSIM_END_DECLS

@@ -9,7 +9,7 @@ DECLSPEC_NOINLINE NTSTATUS skt_SafeCopyMemory(PVOID Destination, const VOID *Sou
   __try {
     RtlCopyMemory(Destination, Source, Length);
   } __except (EXCEPTION_EXECUTE_HANDLER) {
-    status = STATUS_ACCESS_VIOLATION;
+    status = GetExceptionCode();
   }
   return status;
 }

@@ -5,7 +5,8 @@
 
 #include "platform/nt.h"
 
-// Copies Length bytes from Source to Destination; STATUS_ACCESS_VIOLATION if either faults.
+// Copies Length bytes from Source to Destination; a fault returns its exception code
+// (STATUS_ACCESS_VIOLATION for an unmapped address).
 NTSTATUS skt_SafeCopyMemory(PVOID Destination, const VOID *Source, SIZE_T Length);
 
 // Maps the pages an MDL describes into the current process's user space. The kernel raises an

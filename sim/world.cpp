@@ -59,9 +59,11 @@ bool UserProcess::Exited() const { return world_.kernel().ps.FindProcess(process
 
 _KTHREAD* UserProcess::Thread() { return world_.kernel().ps.ActingThread(process_); }
 
-NTSTATUS UserProcess::CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle) {
+uint64_t UserProcess::CurrentThreadId() { return Thread()->id; }
+
+NTSTATUS UserProcess::CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle, bool overlapped) {
   ThreadScope scope(Thread(), UserMode);
-  return world_.kernel().io.UserCreateFile(path, access, handle);
+  return world_.kernel().io.UserCreateFile(path, access, handle, overlapped);
 }
 
 IoResult UserProcess::DeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
@@ -83,6 +85,39 @@ IoResult UserProcess::WriteFile(HANDLE handle, const void* buffer, ULONG length)
 IoResult UserProcess::SendRequest(HANDLE handle, UCHAR majorFunction) {
   ThreadScope scope(Thread(), UserMode);
   return world_.kernel().io.UserSendMajor(handle, majorFunction);
+}
+
+std::shared_ptr<PendingIo> UserProcess::ReadFileOverlapped(HANDLE handle, void* buffer, ULONG length,
+                                                           uint64_t offset) {
+  ThreadScope scope(Thread(), UserMode);
+  LARGE_INTEGER position;
+  position.QuadPart = static_cast<LONGLONG>(offset);
+  return world_.kernel().io.StartTransfer(handle, IRP_MJ_READ, buffer, length, &position, UserMode, true);
+}
+
+std::shared_ptr<PendingIo> UserProcess::WriteFileOverlapped(HANDLE handle, const void* buffer, ULONG length,
+                                                            uint64_t offset) {
+  ThreadScope scope(Thread(), UserMode);
+  LARGE_INTEGER position;
+  position.QuadPart = static_cast<LONGLONG>(offset);
+  return world_.kernel().io.StartTransfer(handle, IRP_MJ_WRITE, const_cast<void*>(buffer), length, &position,
+                                          UserMode, true);
+}
+
+std::shared_ptr<PendingIo> UserProcess::DeviceIoControlOverlapped(HANDLE handle, ULONG code, const void* in,
+                                                                  ULONG inLength, void* out, ULONG outLength) {
+  ThreadScope scope(Thread(), UserMode);
+  return world_.kernel().io.StartDeviceIoControl(handle, code, in, inLength, out, outLength, UserMode, true);
+}
+
+NTSTATUS UserProcess::CancelIo(HANDLE handle) {
+  ThreadScope scope(Thread(), UserMode);
+  return world_.kernel().io.CancelIo(handle);
+}
+
+NTSTATUS UserProcess::CancelIoEx(HANDLE handle, const PendingIo* request) {
+  ThreadScope scope(Thread(), UserMode);
+  return world_.kernel().io.CancelIoEx(handle, request);
 }
 
 NTSTATUS UserProcess::CloseHandle(HANDLE handle) {
@@ -488,6 +523,7 @@ void World::EndThread(_KTHREAD* thread) {
   if (!end.ended) return;
   _KPROCESS* process = thread->process;
   ThreadScope scope(thread, KernelMode);
+  k.io.CancelThreadIo(thread);
   if (thread->announced) k.notify.ThreadExited(IdHandle(process->id), IdHandle(thread->id));
   if (end.last) {
     k.notify.ProcessExited(process, IdHandle(process->id), IdHandle(process->parentId));

@@ -2,14 +2,18 @@
 
 #include <dlfcn.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <thread>
 
 #include "fs/mount_manager.h"
 #include "fs/volumes.h"
 
 namespace ntsim {
+
+using namespace std::chrono_literals;
 
 #ifndef NTSIM_DEFAULT_DRIVER_IMAGE
 #define NTSIM_DEFAULT_DRIVER_IMAGE ""
@@ -521,9 +525,16 @@ void World::EndThread(_KTHREAD* thread) {
   Kernel& k = *kernel_;
   ProcessManager::ThreadEnd end = k.ps.EndThread(thread);
   if (!end.ended) return;
+  // The requests still queued to it end first. A host thread blocked in one of them as this
+  // thread wakes and leaves; the exit then runs as the thread, on this host thread alone.
+  k.io.CancelThreadIo(thread);
+  int own = CurrentThread() == thread ? 1 : 0;  // this host thread may itself be running as it
+  for (auto deadline = std::chrono::steady_clock::now() + 10s;
+       thread->scopes.load(std::memory_order_acquire) > own && std::chrono::steady_clock::now() < deadline;) {
+    std::this_thread::sleep_for(1ms);
+  }
   _KPROCESS* process = thread->process;
   ThreadScope scope(thread, KernelMode);
-  k.io.CancelThreadIo(thread);
   if (thread->announced) k.notify.ThreadExited(IdHandle(process->id), IdHandle(thread->id));
   if (end.last) {
     k.notify.ProcessExited(process, IdHandle(process->id), IdHandle(process->parentId));

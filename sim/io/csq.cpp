@@ -121,7 +121,8 @@ NTSTATUS NTAPI IoCsqInsertIrpEx(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Conte
   IoMarkIrpPending(Irp);
   (void)IoSetCancelRoutine(Irp, CsqCancelRoutine);
   // A request cancelled before its routine was set: IoCancelIrp found nothing to call. If the
-  // routine can be taken back, it is not queued after all and is completed as cancelled here.
+  // routine can be taken back, the request does not stay queued: it comes out of the list again
+  // and is completed as cancelled here. (If it cannot, a cancellation under way has it.)
   if (__atomic_load_n(&Irp->Cancel, __ATOMIC_SEQ_CST) && IoSetCancelRoutine(Irp, NULL)) {
     TakeOut(Csq, Irp);
     Csq->CsqReleaseLock(Csq, irql);

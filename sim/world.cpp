@@ -2,14 +2,18 @@
 
 #include <dlfcn.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <thread>
 
 #include "fs/mount_manager.h"
 #include "fs/volumes.h"
 
 namespace ntsim {
+
+using namespace std::chrono_literals;
 
 #ifndef NTSIM_DEFAULT_DRIVER_IMAGE
 #define NTSIM_DEFAULT_DRIVER_IMAGE ""
@@ -60,9 +64,11 @@ bool UserProcess::Exited() const { return world_.kernel().ps.FindProcess(process
 
 _KTHREAD* UserProcess::Thread() { return world_.kernel().ps.ActingThread(process_); }
 
-NTSTATUS UserProcess::CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle) {
+uint64_t UserProcess::CurrentThreadId() { return Thread()->id; }
+
+NTSTATUS UserProcess::CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle, bool overlapped) {
   ThreadScope scope(Thread(), UserMode);
-  return world_.kernel().io.UserCreateFile(path, access, handle);
+  return world_.kernel().io.UserCreateFile(path, access, handle, overlapped);
 }
 
 IoResult UserProcess::DeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
@@ -84,6 +90,39 @@ IoResult UserProcess::WriteFile(HANDLE handle, const void* buffer, ULONG length)
 IoResult UserProcess::SendRequest(HANDLE handle, UCHAR majorFunction) {
   ThreadScope scope(Thread(), UserMode);
   return world_.kernel().io.UserSendMajor(handle, majorFunction);
+}
+
+std::shared_ptr<PendingIo> UserProcess::ReadFileOverlapped(HANDLE handle, void* buffer, ULONG length,
+                                                           uint64_t offset) {
+  ThreadScope scope(Thread(), UserMode);
+  LARGE_INTEGER position;
+  position.QuadPart = static_cast<LONGLONG>(offset);
+  return world_.kernel().io.StartTransfer(handle, IRP_MJ_READ, buffer, length, &position, UserMode, true);
+}
+
+std::shared_ptr<PendingIo> UserProcess::WriteFileOverlapped(HANDLE handle, const void* buffer, ULONG length,
+                                                            uint64_t offset) {
+  ThreadScope scope(Thread(), UserMode);
+  LARGE_INTEGER position;
+  position.QuadPart = static_cast<LONGLONG>(offset);
+  return world_.kernel().io.StartTransfer(handle, IRP_MJ_WRITE, const_cast<void*>(buffer), length, &position,
+                                          UserMode, true);
+}
+
+std::shared_ptr<PendingIo> UserProcess::DeviceIoControlOverlapped(HANDLE handle, ULONG code, const void* in,
+                                                                  ULONG inLength, void* out, ULONG outLength) {
+  ThreadScope scope(Thread(), UserMode);
+  return world_.kernel().io.StartDeviceIoControl(handle, code, in, inLength, out, outLength, UserMode, true);
+}
+
+NTSTATUS UserProcess::CancelIo(HANDLE handle) {
+  ThreadScope scope(Thread(), UserMode);
+  return world_.kernel().io.CancelIo(handle);
+}
+
+NTSTATUS UserProcess::CancelIoEx(HANDLE handle, const PendingIo* request) {
+  ThreadScope scope(Thread(), UserMode);
+  return world_.kernel().io.CancelIoEx(handle, request);
 }
 
 NTSTATUS UserProcess::CloseHandle(HANDLE handle) {
@@ -522,6 +561,14 @@ void World::EndThread(_KTHREAD* thread) {
   Kernel& k = *kernel_;
   ProcessManager::ThreadEnd end = k.ps.EndThread(thread);
   if (!end.ended) return;
+  // The requests still queued to it end first. A host thread blocked in one of them as this
+  // thread wakes and leaves; the exit then runs as the thread, on this host thread alone.
+  k.io.CancelThreadIo(thread);
+  int own = CurrentThread() == thread ? 1 : 0;  // this host thread may itself be running as it
+  for (auto deadline = std::chrono::steady_clock::now() + 10s;
+       thread->scopes.load(std::memory_order_acquire) > own && std::chrono::steady_clock::now() < deadline;) {
+    std::this_thread::sleep_for(1ms);
+  }
   _KPROCESS* process = thread->process;
   ThreadScope scope(thread, KernelMode);
   if (thread->announced) k.notify.ThreadExited(IdHandle(process->id), IdHandle(thread->id));

@@ -51,12 +51,31 @@ class UserProcess {
   UserProcess(World& world, _KPROCESS* process, _KTHREAD* initialThread);
   uint64_t Id() const;
   uint64_t InitialThreadId() const { return initialThreadId_; }
+  // The id of the thread the calling host thread acts as in this process.
+  uint64_t CurrentThreadId();
   // "\\.\Sentrel" or an NT path; returns the status CreateFile would have got from the kernel.
-  NTSTATUS CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle);
+  // An overlapped handle (FILE_FLAG_OVERLAPPED) is for the overlapped calls below; a synchronous one
+  // makes every call wait for its request's completion.
+  NTSTATUS CreateFile(const std::u16string& path, ACCESS_MASK access, HANDLE* handle, bool overlapped = false);
+  // The synchronous calls: each returns once its request is completed, however long it stays
+  // pending in the driver.
   IoResult DeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out, ULONG outLength);
   IoResult ReadFile(HANDLE handle, void* buffer, ULONG length);
   IoResult WriteFile(HANDLE handle, const void* buffer, ULONG length);
   IoResult SendRequest(HANDLE handle, UCHAR majorFunction);  // a request with no buffers
+  // The overlapped calls, with an OVERLAPPED whose event the request carries (Irp->UserEvent): on
+  // an overlapped handle IssueStatus() is STATUS_PENDING while the request waits in its driver;
+  // Wait() and Result() are GetOverlappedResult's. The buffers must outlive the request.
+  std::shared_ptr<PendingIo> ReadFileOverlapped(HANDLE handle, void* buffer, ULONG length, uint64_t offset = 0);
+  std::shared_ptr<PendingIo> WriteFileOverlapped(HANDLE handle, const void* buffer, ULONG length,
+                                                 uint64_t offset = 0);
+  std::shared_ptr<PendingIo> DeviceIoControlOverlapped(HANDLE handle, ULONG code, const void* in, ULONG inLength,
+                                                       void* out, ULONG outLength);
+  // CancelIo: the calling thread's requests on the handle, cancelled and waited for.
+  // CancelIoEx: the process's requests on the handle (or only `request`), not waited for;
+  // STATUS_NOT_FOUND when there is none to cancel.
+  NTSTATUS CancelIo(HANDLE handle);
+  NTSTATUS CancelIoEx(HANDLE handle, const PendingIo* request = nullptr);
   NTSTATUS CloseHandle(HANDLE handle);
   // RegSetValueEx: registry callbacks see the write before it happens.
   NTSTATUS SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type, const void* data,
@@ -129,8 +148,9 @@ class World {
   //  - process creation: a thread of the parent (the calling host thread's thread there), inside a
   //    critical region; then the initial thread's creation, in the same thread;
   //  - thread creation: the creating thread (of `creator`, or else of the process itself);
-  //  - thread exit: the exiting thread; process exit: its last thread, after that thread's exit,
-  //    inside a critical region; the process's handles are closed then;
+  //  - thread exit: the exiting thread, after the requests still queued to it (synchronous and
+  //    overlapped ones) have been cancelled and completed; process exit: its last thread, after
+  //    that thread's exit, inside a critical region; the process's handles are closed then;
   //  - image mapping: a thread of the process the image is mapped into (kernel images: the System
   //    process, with process id 0 and SystemModeImage set), inside a critical region.
   // Ending a process or thread that has already ended does nothing. A process must not be used by

@@ -1,7 +1,9 @@
 #include "io/io_manager.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "kernel.h"
 
@@ -76,15 +78,27 @@ bool NoNameQuery(NTSTATUS status) {
          status == STATUS_INVALID_INFO_CLASS || status == STATUS_NOT_SUPPORTED || status == STATUS_INVALID_PARAMETER;
 }
 
+// The MDL the I/O manager builds over a caller's buffer for direct I/O: probed and locked, with a
+// page-frame entry per page (the page's address shifted, as the simulator's MDLs name pages), and
+// not yet mapped into system space.
 PMDL BuildMdl(void* buffer, ULONG length) {
-  auto* mdl = new MDL();
-  mdl->Size = sizeof(MDL);
-  mdl->MappedSystemVa = buffer;
-  mdl->StartVa = reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(buffer) & ~ULONG_PTR(PAGE_SIZE - 1));
-  mdl->ByteOffset = static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(buffer) & (PAGE_SIZE - 1));
-  mdl->ByteCount = length;
+  SIZE_T size = MmSizeOfMdl(buffer, length);
+  auto* mdl = reinterpret_cast<PMDL>(new char[size]());
+  MmInitializeMdl(mdl, buffer, length);
+  mdl->MdlFlags = MDL_PAGES_LOCKED;
   mdl->Process = CurrentProcess();
+  PPFN_NUMBER pages = MmGetMdlPfnArray(mdl);
+  ULONG count = ADDRESS_AND_SIZE_TO_SPAN_PAGES(buffer, length);
+  for (ULONG i = 0; i < count; ++i) pages[i] = (reinterpret_cast<ULONG_PTR>(mdl->StartVa) >> PAGE_SHIFT) + i;
   return mdl;
+}
+
+void FreeMdls(PMDL mdl) {
+  while (mdl) {
+    PMDL next = mdl->Next;
+    delete[] reinterpret_cast<char*>(mdl);
+    mdl = next;
+  }
 }
 
 }  // namespace
@@ -92,6 +106,41 @@ PMDL BuildMdl(void* buffer, ULONG length) {
 const char* MajorFunctionName(UCHAR major) {
   return major <= IRP_MJ_MAXIMUM_FUNCTION ? kMajorNames[major] : "IRP_MJ_?";
 }
+
+// ---------------------------------------------------------------------------------------------
+// Requests issued through the system services
+
+PendingIo::PendingIo() {
+  event_.Header.Type = NotificationEvent;
+  event_.Header.SignalState = 0;
+  InitializeListHead(&event_.Header.WaitListHead);
+}
+
+bool PendingIo::Wait(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return done_.wait_for(lock, timeout, [this] { return completed_; });
+}
+
+bool PendingIo::Completed() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return completed_;
+}
+
+IoResult PendingIo::Result() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return result_;
+}
+
+void PendingIo::Finish(const IoResult& result) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    result_ = result;
+    completed_ = true;
+  }
+  done_.notify_all();
+}
+
+// ---------------------------------------------------------------------------------------------
 
 void IoManager::Boot(ObjectManager& ob) {
   ob_ = &ob;
@@ -109,8 +158,18 @@ void IoManager::Boot(ObjectManager& ob) {
 }
 
 void IoManager::Teardown() {
+  {
+    std::lock_guard<std::mutex> lock(deferredMutex_);
+    stopping_ = true;
+    deferred_.clear();  // the object manager frees what they kept
+  }
+  deferredWake_.notify_all();
+  if (deferredWorker_.joinable()) deferredWorker_.join();
   std::lock_guard<std::mutex> lock(mutex_);
-  for (auto& [irp, state] : requests_) std::free(irp);
+  for (auto& [irp, state] : requests_) {
+    FreeMdls(irp->MdlAddress);
+    std::free(irp);
+  }
   requests_.clear();
   shutdown_.clear();
   driverLinks_.clear();
@@ -212,7 +271,9 @@ PIRP IoManager::AllocateIrp(CCHAR stackSize) {
   irp->RequestorMode = ExGetPreviousMode();
   InitializeListHead(&irp->ThreadListEntry);
   std::lock_guard<std::mutex> lock(mutex_);
-  requests_[irp] = RequestState();
+  RequestState& state = requests_[irp];
+  state = RequestState();
+  state.serial = nextSerial_++;
   return irp;
 }
 
@@ -226,7 +287,7 @@ NTSTATUS IoManager::CallDriver(PDEVICE_OBJECT device, PIRP irp) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = requests_.find(irp);
-    if (it != requests_.end()) it->second.device = device;
+    if (it != requests_.end()) it->second.driver = device->DriverObject;
   }
   PDRIVER_DISPATCH dispatch = device->DriverObject->MajorFunction[stack->MajorFunction];
   return dispatch(device, irp);
@@ -250,7 +311,7 @@ void IoManager::CompleteRequest(PIRP irp) {
   if (irp->IoStatus.Status == STATUS_PENDING) {
     K().verifier.Violation("IofCompleteRequest", "request completed with STATUS_PENDING");
   }
-  if (irp->CancelRoutine) {
+  if (__atomic_load_n(&irp->CancelRoutine, __ATOMIC_SEQ_CST)) {
     K().verifier.Violation("IofCompleteRequest", "request completed with its cancel routine still set");
   }
   // Completion routines, from the current stack location upward.
@@ -266,6 +327,42 @@ void IoManager::CompleteRequest(PIRP irp) {
       if (status == (NTSTATUS)0xC0000016L /* STATUS_MORE_PROCESSING_REQUIRED */) return;
     }
   }
+  bool finishedByManager;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    RequestState& state = requests_[irp];
+    finishedByManager = state.freeOnCompletion || state.operation;
+  }
+  if (!finishedByManager) {
+    // A request whose sender frees it: the status block and event are the sender's.
+    if (irp->UserIosb) *irp->UserIosb = irp->IoStatus;
+    if (irp->UserEvent) KeSetEvent(irp->UserEvent, IO_NO_INCREMENT, FALSE);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      requests_[irp].completed = true;
+    }
+    completed_.notify_all();
+    return;
+  }
+  bool finish;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    RequestState& state = requests_[irp];
+    state.completed = true;
+    finish = TakeFinishLocked(state);
+  }
+  completed_.notify_all();
+  if (finish) RunFinish(irp);
+}
+
+bool IoManager::TakeFinishLocked(RequestState& state) {
+  if (!state.completed || state.holds > 0 || state.finishing) return false;
+  if (!state.freeOnCompletion && !state.operation) return false;
+  state.finishing = true;
+  return true;
+}
+
+void IoManager::RunFinish(PIRP irp) {
   bool owned;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -273,15 +370,20 @@ void IoManager::CompleteRequest(PIRP irp) {
   }
   if (owned) {
     FinishOwnedRequest(irp);
-    return;
+  } else {
+    FinishOperation(irp);
   }
-  if (irp->UserIosb) *irp->UserIosb = irp->IoStatus;
-  if (irp->UserEvent) KeSetEvent(irp->UserEvent, IO_NO_INCREMENT, FALSE);
+}
+
+void IoManager::Release(PIRP irp) {
+  bool finish;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    requests_[irp].completed = true;
+    RequestState& state = requests_[irp];
+    --state.holds;
+    finish = TakeFinishLocked(state);
   }
-  completed_.notify_all();
+  if (finish) RunFinish(irp);
 }
 
 // The final completion of a request the I/O manager built for a driver: the output is copied back
@@ -314,6 +416,37 @@ void IoManager::FinishOwnedRequest(PIRP irp) {
   if (iosb) *iosb = result;
   if (event) KeSetEvent(event, IO_NO_INCREMENT, FALSE);
   completed_.notify_all();
+}
+
+// The final completion of a request issued through the system services, as the kernel's
+// completion does it in the requesting thread: buffered output goes back to the caller's buffer
+// (unless the request failed), a synchronous file's position moves on, the request is freed, and
+// the caller's event is set.
+void IoManager::FinishOperation(PIRP irp) {
+  std::shared_ptr<PendingIo> op;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    op = requests_[irp].operation;
+  }
+  IoResult result{irp->IoStatus.Status, irp->IoStatus.Information};
+  if (op->output_ && !op->system_.empty() && !NT_ERROR_STATUS(result.status) && result.information) {
+    ULONG_PTR length = result.information;
+    if (length > op->outputLength_ && !op->outputIsRead_) {
+      K().verifier.Violation(MajorFunctionName(op->major_), "information exceeds the output buffer's length");
+      length = 0;
+    }
+    std::memcpy(op->output_, op->system_.data(), std::min<ULONG_PTR>(length, op->outputLength_));
+  }
+  if (op->updatesPosition_ && NT_SUCCESS(result.status)) {
+    op->file_->CurrentByteOffset.QuadPart = op->position_ + static_cast<LONGLONG>(result.information);
+  }
+  FreeIrp(irp);
+  if (op->userEvent_) KeSetEvent(&op->event_, IO_NO_INCREMENT, FALSE);
+  PFILE_OBJECT file = op->overlapped_ ? op->file_ : nullptr;
+  op->Finish(result);
+  completed_.notify_all();
+  // A synchronous caller drops the file's reference itself once it wakes.
+  if (file) DropFileReference(file);
 }
 
 PIRP IoManager::BuildDeviceIoControl(ULONG code, PDEVICE_OBJECT device, PVOID in, ULONG inLength, PVOID out,
@@ -354,6 +487,7 @@ PIRP IoManager::BuildDeviceIoControl(ULONG code, PDEVICE_OBJECT device, PVOID in
   std::lock_guard<std::mutex> lock(mutex_);
   RequestState& state = requests_[irp];
   state.freeOnCompletion = true;
+  state.thread = CurrentThread();  // a threaded request: its thread's end cancels it
   state.systemBuffer = std::move(system);
   if (copyBack) {
     state.output = out;
@@ -393,12 +527,221 @@ IoResult IoManager::SendAndWait(PDEVICE_OBJECT device, PIRP irp) {
   return IoResult{irp->IoStatus.Status, irp->IoStatus.Information};
 }
 
-void IoManager::FreeIrp(PIRP irp) {
-  for (PMDL mdl = irp->MdlAddress; mdl;) {
-    PMDL next = mdl->Next;
-    delete mdl;
-    mdl = next;
+std::shared_ptr<PendingIo> IoManager::Issue(const std::shared_ptr<PendingIo>& op, PIRP irp) {
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  UCHAR major = stack->MajorFunction;
+  PDEVICE_OBJECT device = op->file_->DeviceObject;
+  if (op->userEvent_) {
+    KeClearEvent(&op->event_);  // as the system service does before it sends the request
+    irp->UserEvent = &op->event_;
   }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    RequestState& state = requests_[irp];
+    state.operation = op;
+    state.thread = CurrentThread();
+    state.holds = 1;  // the dispatch routine's, until it returns
+  }
+  NTSTATUS status = CallDriver(device, irp);
+  // What the dispatch routine left is read before its hold goes: a completion on another thread
+  // may finish and free the request at once after that.
+  bool marked = (stack->Control & SL_PENDING_RETURNED) != 0;
+  bool completed;
+  NTSTATUS completedStatus = STATUS_SUCCESS;
+  bool finish;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    RequestState& state = requests_[irp];
+    state.dispatchReturned = true;
+    --state.holds;
+    completed = state.completed;
+    if (completed) completedStatus = irp->IoStatus.Status;
+    // A request its dispatch routine neither completed nor left pending would never end: the
+    // verifier stops the run below, and a test that records violations gets it back as it stands.
+    if (!completed && status != STATUS_PENDING) state.completed = true;
+    finish = TakeFinishLocked(state);
+  }
+  if (status == STATUS_PENDING && !marked) {
+    K().verifier.Violation(MajorFunctionName(major), "dispatch returned STATUS_PENDING without IoMarkIrpPending");
+  } else if (status != STATUS_PENDING && !completed) {
+    char text[128];
+    std::snprintf(text, sizeof text, "dispatch returned %08x without completing the request", (unsigned)status);
+    K().verifier.Violation(MajorFunctionName(major), text);
+  } else if (status != STATUS_PENDING && status != completedStatus) {
+    char text[128];
+    std::snprintf(text, sizeof text, "dispatch returned %08x but completed the request with %08x", (unsigned)status,
+                  (unsigned)completedStatus);
+    K().verifier.Violation(MajorFunctionName(major), text);
+  }
+  if (finish) RunFinish(irp);
+  if (op->overlapped_) {
+    op->issueStatus_ = status;
+    return op;
+  }
+  {
+    std::unique_lock<std::mutex> lock(op->mutex_);
+    op->done_.wait(lock, [&] { return op->completed_; });
+    op->issueStatus_ = op->result_.status;
+  }
+  DropFileReference(op->file_);
+  return op;
+}
+
+std::shared_ptr<PendingIo> IoManager::Failed(NTSTATUS status) {
+  auto op = std::make_shared<PendingIo>();
+  op->issueStatus_ = status;
+  op->Finish(IoResult{status, 0});
+  return op;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Cancellation
+
+template <typename Pick>
+std::vector<IoManager::Victim> IoManager::CancelRequests(Pick pick) {
+  std::vector<Victim> victims;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& [irp, state] : requests_) {
+      if (state.completed || !state.thread || !pick(state)) continue;
+      ++state.holds;  // it stays allocated until IoCancelIrp has returned
+      victims.push_back(Victim{irp, state.serial});
+    }
+  }
+  for (const Victim& victim : victims) {
+    IoCancelIrp(victim.irp);
+    Release(victim.irp);
+  }
+  return victims;
+}
+
+bool IoManager::WaitForRequests(const std::vector<Victim>& victims, std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return completed_.wait_for(lock, limit, [&] {
+    for (const Victim& victim : victims) {
+      auto it = requests_.find(victim.irp);
+      if (it != requests_.end() && it->second.serial == victim.serial && !it->second.completed) return false;
+    }
+    return true;
+  });
+}
+
+void IoManager::SetCancelWait(std::chrono::milliseconds wait) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  cancelWait_ = wait;
+}
+
+void IoManager::CancelThreadIo(_KTHREAD* thread) {
+  std::vector<Victim> victims = CancelRequests([thread](const RequestState& state) { return state.thread == thread; });
+  if (victims.empty()) return;
+  std::chrono::milliseconds limit;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    limit = cancelWait_;
+  }
+  if (!WaitForRequests(victims, limit)) {
+    K().verifier.Violation("thread exit", "thread " + std::to_string(thread->id) + " ends with request(s) that " +
+                                              "their driver did not complete within " +
+                                              std::to_string(limit.count()) + " ms of their cancellation");
+  }
+}
+
+NTSTATUS IoManager::CancelIo(HANDLE handle) {
+  PFILE_OBJECT file = nullptr;
+  NTSTATUS status = ReferenceFile(handle, 0, ExGetPreviousMode(), &file);
+  if (!NT_SUCCESS(status)) return status;
+  _KTHREAD* self = CurrentThread();
+  std::vector<Victim> victims = CancelRequests([self, file](const RequestState& state) {
+    return state.thread == self && state.operation && state.operation->file_ == file;
+  });
+  std::chrono::milliseconds limit;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    limit = cancelWait_;
+  }
+  WaitForRequests(victims, limit);
+  ob_->Dereference(file);
+  return STATUS_SUCCESS;
+}
+
+NTSTATUS IoManager::CancelIoEx(HANDLE handle, const PendingIo* only) {
+  PFILE_OBJECT file = nullptr;
+  NTSTATUS status = ReferenceFile(handle, 0, ExGetPreviousMode(), &file);
+  if (!NT_SUCCESS(status)) return status;
+  _KPROCESS* process = CurrentThread()->process;
+  std::vector<Victim> victims = CancelRequests([process, file, only](const RequestState& state) {
+    return state.thread->process == process && state.operation && state.operation->file_ == file &&
+           (!only || state.operation.get() == only);
+  });
+  ob_->Dereference(file);
+  return victims.empty() ? STATUS_NOT_FOUND : STATUS_SUCCESS;
+}
+
+void IoManager::AcquireCancelSpinLock(PKIRQL irql) {
+  _KTHREAD* self = CurrentThread();
+  if (self->irql > DISPATCH_LEVEL) K().verifier.Violation("IoAcquireCancelSpinLock", "called above DISPATCH_LEVEL");
+  if (cancelOwner_.load() == self) {
+    K().verifier.Violation("IoAcquireCancelSpinLock",
+                           "the thread already holds the cancel spin lock: the processor would spin forever");
+    *irql = self->irql;
+    return;
+  }
+  cancelLock_.lock();
+  cancelOwner_.store(self);
+  *irql = self->irql;
+  self->irql = DISPATCH_LEVEL;
+}
+
+void IoManager::ReleaseCancelSpinLock(KIRQL irql) {
+  _KTHREAD* self = CurrentThread();
+  if (cancelOwner_.load() != self) {
+    K().verifier.Violation("IoReleaseCancelSpinLock", "the thread does not hold the cancel spin lock");
+    return;
+  }
+  if (irql > DISPATCH_LEVEL) K().verifier.Violation("IoReleaseCancelSpinLock", "restoring an IRQL above DISPATCH_LEVEL");
+  cancelOwner_.store(nullptr);
+  cancelLock_.unlock();
+  self->irql = irql;
+}
+
+bool IoManager::CancelSpinLockHeld() { return cancelOwner_.load() == CurrentThread(); }
+
+// Where a completion may not run a driver's close routine itself (above PASSIVE_LEVEL, or with
+// kernel APCs disabled, where the completing driver may hold its own locks), the file's reference
+// goes to a worker, as the kernel defers an object's deletion.
+void IoManager::DropFileReference(PFILE_OBJECT file) {
+  if (KeGetCurrentIrql() == PASSIVE_LEVEL && !KeAreApcsDisabled()) {
+    ob_->Dereference(file);
+    return;
+  }
+  std::lock_guard<std::mutex> lock(deferredMutex_);
+  if (stopping_) return;
+  if (!deferredWorker_.joinable()) deferredWorker_ = std::thread([this] { DeferredDereferences(); });
+  deferred_.push_back(file);
+  deferredWake_.notify_one();
+}
+
+void IoManager::DeferredDereferences() {
+  Kernel& kernel = K();
+  {
+    ThreadScope scope(kernel.ps.ActingThread(kernel.ps.System()), KernelMode);
+    for (;;) {
+      PFILE_OBJECT file;
+      {
+        std::unique_lock<std::mutex> lock(deferredMutex_);
+        deferredWake_.wait(lock, [this] { return stopping_ || !deferred_.empty(); });
+        if (stopping_) break;
+        file = deferred_.front();
+        deferred_.pop_front();
+      }
+      ob_->Dereference(file);
+    }
+  }
+  ResetCurrentThreadBinding();
+}
+
+void IoManager::FreeIrp(PIRP irp) {
+  FreeMdls(irp->MdlAddress);
   std::lock_guard<std::mutex> lock(mutex_);
   requests_.erase(irp);
   std::free(irp);
@@ -418,8 +761,9 @@ size_t IoManager::OutstandingRequests(PDRIVER_OBJECT driver) {
       ++n;
       continue;
     }
-    // Only a request that sits in one of the driver's devices is the driver's to complete.
-    if (state.device && state.device->DriverObject == driver) ++n;
+    // Only a request that sits in one of the driver's devices is the driver's to complete. The
+    // device itself may be gone already: a request does not keep it.
+    if (state.driver == driver) ++n;
   }
   return n;
 }
@@ -544,12 +888,13 @@ NTSTATUS IoManager::CreateFile(const CreateRequest& request, HANDLE* handle, ULO
   return STATUS_SUCCESS;
 }
 
-NTSTATUS IoManager::UserCreateFile(const std::u16string& win32Path, ACCESS_MASK access, HANDLE* handle) {
+NTSTATUS IoManager::UserCreateFile(const std::u16string& win32Path, ACCESS_MASK access, HANDLE* handle,
+                                   bool overlapped) {
   CreateRequest request;
-  // As CreateFile without overlapped I/O asks for it.
+  // As CreateFile asks for it: synchronous I/O unless FILE_FLAG_OVERLAPPED.
   request.ntPath = Win32ToNtPath(win32Path);
   request.access = access | SYNCHRONIZE | FILE_READ_ATTRIBUTES;
-  request.options = FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE;
+  request.options = (overlapped ? 0 : FILE_SYNCHRONOUS_IO_NONALERT) | FILE_NON_DIRECTORY_FILE;
   return CreateFile(request, handle, nullptr);
 }
 
@@ -560,52 +905,61 @@ NTSTATUS IoManager::ReferenceFile(HANDLE handle, ACCESS_MASK access, KPROCESSOR_
   return status;
 }
 
-IoResult IoManager::UserDeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
-                                        ULONG outLength) {
+std::shared_ptr<PendingIo> IoManager::StartDeviceIoControl(HANDLE handle, ULONG code, const void* in,
+                                                           ULONG inLength, void* out, ULONG outLength,
+                                                           KPROCESSOR_MODE mode, bool overlapped) {
   ULONG requiredAccess = (code >> 14) & 3;
   ACCESS_MASK access = ((requiredAccess & FILE_READ_ACCESS) ? FILE_READ_DATA : 0) |
                        ((requiredAccess & FILE_WRITE_ACCESS) ? FILE_WRITE_DATA : 0);
+  ULONG method = METHOD_FROM_CTL_CODE(code);
+  // The system service probes the caller's buffers; only METHOD_NEITHER hands them over untouched.
+  if (method != METHOD_NEITHER && ((!in && inLength) || (!out && outLength))) return Failed(STATUS_ACCESS_VIOLATION);
   PFILE_OBJECT file = nullptr;
-  NTSTATUS status = ReferenceFile(handle, access, UserMode, &file);
-  if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  NTSTATUS status = ReferenceFile(handle, access, mode, &file);
+  if (!NT_SUCCESS(status)) return Failed(status);
+  auto op = std::make_shared<PendingIo>();
+  op->file_ = file;
+  op->major_ = IRP_MJ_DEVICE_CONTROL;
+  op->overlapped_ = overlapped && !(file->Flags & FO_SYNCHRONOUS_IO);
+  op->userEvent_ = overlapped;
   PIRP irp = BuildUserIrp(file, IRP_MJ_DEVICE_CONTROL);
   PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
   stack->Parameters.DeviceIoControl.IoControlCode = code;
   stack->Parameters.DeviceIoControl.InputBufferLength = inLength;
   stack->Parameters.DeviceIoControl.OutputBufferLength = outLength;
-  ULONG method = METHOD_FROM_CTL_CODE(code);
-  std::vector<char> system;
   if (method == METHOD_BUFFERED) {
-    system.resize(inLength > outLength ? inLength : outLength);
-    if (inLength) std::memcpy(system.data(), in, inLength);
-    irp->AssociatedIrp.SystemBuffer = system.empty() ? nullptr : system.data();
+    // One system buffer for both directions, as large as the larger of the two.
+    op->system_.resize(inLength > outLength ? inLength : outLength);
+    if (inLength) std::memcpy(op->system_.data(), in, inLength);
+    op->output_ = out;
+    op->outputLength_ = outLength;
+    irp->AssociatedIrp.SystemBuffer = op->system_.empty() ? nullptr : op->system_.data();
   } else if (method == METHOD_NEITHER) {
     stack->Parameters.DeviceIoControl.Type3InputBuffer = const_cast<void*>(in);
     irp->UserBuffer = out;
   } else {
-    system.assign(static_cast<const char*>(in), static_cast<const char*>(in) + (in ? inLength : 0));
-    irp->AssociatedIrp.SystemBuffer = system.empty() ? nullptr : system.data();
-    if (out && outLength) irp->MdlAddress = BuildMdl(out, outLength);
+    // METHOD_IN_DIRECT and METHOD_OUT_DIRECT: the input is buffered; the second buffer, which the
+    // driver reads (in) or fills (out), is described by an MDL locked over the caller's memory.
+    if (inLength) op->system_.assign(static_cast<const char*>(in), static_cast<const char*>(in) + inLength);
+    irp->AssociatedIrp.SystemBuffer = op->system_.empty() ? nullptr : op->system_.data();
+    if (outLength) irp->MdlAddress = BuildMdl(out, outLength);
   }
-  IoResult result = SendAndWait(file->DeviceObject, irp);
-  if (method == METHOD_BUFFERED && !NT_ERROR_STATUS(result.status) && result.information) {
-    if (result.information > outLength) {
-      K().verifier.Violation("IRP_MJ_DEVICE_CONTROL", "information exceeds the output buffer's length");
-    } else {
-      std::memcpy(out, system.data(), result.information);
-    }
-  }
-  FreeIrp(irp);
-  ob_->Dereference(file);
-  return result;
+  return Issue(op, irp);
 }
 
-IoResult IoManager::Transfer(HANDLE handle, UCHAR major, void* buffer, ULONG length, const LARGE_INTEGER* offset,
-                             KPROCESSOR_MODE mode) {
+IoResult IoManager::UserDeviceIoControl(HANDLE handle, ULONG code, const void* in, ULONG inLength, void* out,
+                                        ULONG outLength) {
+  return StartDeviceIoControl(handle, code, in, inLength, out, outLength, UserMode, false)->Result();
+}
+
+std::shared_ptr<PendingIo> IoManager::StartTransfer(HANDLE handle, UCHAR major, void* buffer, ULONG length,
+                                                    const LARGE_INTEGER* offset, KPROCESSOR_MODE mode,
+                                                    bool overlapped) {
   bool read = major == IRP_MJ_READ;
+  if (!buffer && length) return Failed(STATUS_ACCESS_VIOLATION);
   PFILE_OBJECT file = nullptr;
   NTSTATUS status = ReferenceFile(handle, read ? FILE_READ_DATA : FILE_WRITE_DATA, mode, &file);
-  if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  if (!NT_SUCCESS(status)) return Failed(status);
   bool synchronous = (file->Flags & FO_SYNCHRONOUS_IO) != 0;
   LARGE_INTEGER position;
   if (offset) {
@@ -614,33 +968,41 @@ IoResult IoManager::Transfer(HANDLE handle, UCHAR major, void* buffer, ULONG len
     position = file->CurrentByteOffset;  // the file's current position
   } else {
     ob_->Dereference(file);
-    return IoResult{STATUS_INVALID_PARAMETER, 0};  // asynchronous files need an offset
+    return Failed(STATUS_INVALID_PARAMETER);  // asynchronous files need an offset
   }
+  auto op = std::make_shared<PendingIo>();
+  op->file_ = file;
+  op->major_ = major;
+  op->overlapped_ = overlapped && !synchronous;
+  op->userEvent_ = overlapped;
+  op->updatesPosition_ = synchronous;
+  op->position_ = position.QuadPart;
   PIRP irp = BuildUserIrp(file, major);
   PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
   stack->Parameters.Read.Length = length;  // the same place for reads and writes
   stack->Parameters.Read.ByteOffset = position;
-  std::vector<char> system;
   ULONG flags = file->DeviceObject->Flags;
   if (flags & DO_BUFFERED_IO) {
-    if (read) system.resize(length);
-    else system.assign(static_cast<const char*>(buffer), static_cast<const char*>(buffer) + length);
-    irp->AssociatedIrp.SystemBuffer = length ? system.data() : nullptr;
+    if (read) {
+      op->system_.resize(length);
+      op->output_ = buffer;
+      op->outputLength_ = length;
+      op->outputIsRead_ = true;
+    } else {
+      op->system_.assign(static_cast<const char*>(buffer), static_cast<const char*>(buffer) + length);
+    }
+    irp->AssociatedIrp.SystemBuffer = length ? op->system_.data() : nullptr;
   } else if (flags & DO_DIRECT_IO) {
     if (length) irp->MdlAddress = BuildMdl(buffer, length);
   } else {
     irp->UserBuffer = buffer;
   }
-  IoResult result = SendAndWait(file->DeviceObject, irp);
-  if (read && (flags & DO_BUFFERED_IO) && NT_SUCCESS(result.status) && result.information) {
-    std::memcpy(buffer, system.data(), result.information <= length ? result.information : length);
-  }
-  if (synchronous && NT_SUCCESS(result.status)) {
-    file->CurrentByteOffset.QuadPart = position.QuadPart + static_cast<LONGLONG>(result.information);
-  }
-  FreeIrp(irp);
-  ob_->Dereference(file);
-  return result;
+  return Issue(op, irp);
+}
+
+IoResult IoManager::Transfer(HANDLE handle, UCHAR major, void* buffer, ULONG length, const LARGE_INTEGER* offset,
+                             KPROCESSOR_MODE mode) {
+  return StartTransfer(handle, major, buffer, length, offset, mode, false)->Result();
 }
 
 IoResult IoManager::UserRead(HANDLE handle, void* buffer, ULONG length) {
@@ -659,30 +1021,29 @@ IoResult IoManager::Flush(HANDLE handle, KPROCESSOR_MODE mode) {
     ob_->Dereference(file);
     return IoResult{STATUS_ACCESS_DENIED, 0};
   }
-  PIRP irp = BuildUserIrp(file, IRP_MJ_FLUSH_BUFFERS);
-  IoResult result = SendAndWait(file->DeviceObject, irp);
-  FreeIrp(irp);
-  ob_->Dereference(file);
-  return result;
+  auto op = std::make_shared<PendingIo>();
+  op->file_ = file;
+  op->major_ = IRP_MJ_FLUSH_BUFFERS;
+  return Issue(op, BuildUserIrp(file, IRP_MJ_FLUSH_BUFFERS))->Result();
 }
 
 IoResult IoManager::QueryInformation(HANDLE handle, int infoClass, void* buffer, ULONG length, KPROCESSOR_MODE mode) {
   PFILE_OBJECT file = nullptr;
   NTSTATUS status = ReferenceFile(handle, 0, mode, &file);
   if (!NT_SUCCESS(status)) return IoResult{status, 0};
+  auto op = std::make_shared<PendingIo>();
+  op->file_ = file;
+  op->major_ = IRP_MJ_QUERY_INFORMATION;
+  op->system_.resize(length);
+  op->output_ = buffer;
+  op->outputLength_ = length;
+  op->outputIsRead_ = true;
   PIRP irp = BuildUserIrp(file, IRP_MJ_QUERY_INFORMATION);
   PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
   stack->Parameters.QueryFile.Length = length;
   stack->Parameters.QueryFile.FileInformationClass = infoClass;
-  std::vector<char> system(length);
-  irp->AssociatedIrp.SystemBuffer = length ? system.data() : nullptr;
-  IoResult result = SendAndWait(file->DeviceObject, irp);
-  if (!NT_ERROR_STATUS(result.status) && result.information) {
-    std::memcpy(buffer, system.data(), result.information <= length ? result.information : length);
-  }
-  FreeIrp(irp);
-  ob_->Dereference(file);
-  return result;
+  irp->AssociatedIrp.SystemBuffer = length ? op->system_.data() : nullptr;
+  return Issue(op, irp)->Result();
 }
 
 NTSTATUS IoManager::QueryFileObjectName(PFILE_OBJECT file, std::u16string* name) {
@@ -731,11 +1092,10 @@ IoResult IoManager::UserSendMajor(HANDLE handle, UCHAR major) {
   PFILE_OBJECT file = nullptr;
   NTSTATUS status = ReferenceFile(handle, 0, UserMode, &file);
   if (!NT_SUCCESS(status)) return IoResult{status, 0};
-  PIRP irp = BuildUserIrp(file, major);
-  IoResult result = SendAndWait(file->DeviceObject, irp);
-  FreeIrp(irp);
-  ob_->Dereference(file);
-  return result;
+  auto op = std::make_shared<PendingIo>();
+  op->file_ = file;
+  op->major_ = major;
+  return Issue(op, BuildUserIrp(file, major))->Result();
 }
 
 NTSTATUS IoManager::UserCloseHandle(HANDLE handle) { return ob_->CloseHandle(handle, UserMode); }

@@ -111,3 +111,36 @@ PIRP NTAPI IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT Dev
   return K().io.BuildDeviceIoControl(IoControlCode, DeviceObject, InputBuffer, InputBufferLength, OutputBuffer,
                                      OutputBufferLength, InternalDeviceIoControl != FALSE, Event, IoStatusBlock);
 }
+
+// ---------------------------------------------------------------------------------------------
+// Cancellation
+
+VOID NTAPI IoAcquireCancelSpinLock(PKIRQL Irql) { K().io.AcquireCancelSpinLock(Irql); }
+
+VOID NTAPI IoReleaseCancelSpinLock(KIRQL Irql) { K().io.ReleaseCancelSpinLock(Irql); }
+
+// Under the cancel spin lock: the cancel bit is set, and the cancel routine is taken out of the
+// request with the same interlocked exchange that IoSetCancelRoutine uses, so that exactly one of
+// the canceller and a driver clearing the routine gets it. The routine runs with the lock held and
+// must release it (with Irp->CancelIrql).
+BOOLEAN NTAPI IoCancelIrp(PIRP Irp) {
+  if (KeGetCurrentIrql() > DISPATCH_LEVEL) K().verifier.Violation("IoCancelIrp", "called above DISPATCH_LEVEL");
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  __atomic_store_n(&Irp->Cancel, TRUE, __ATOMIC_SEQ_CST);
+  PDRIVER_CANCEL routine = IoSetCancelRoutine(Irp, NULL);
+  if (!routine) {
+    IoReleaseCancelSpinLock(irql);
+    return FALSE;
+  }
+  Irp->CancelIrql = irql;
+  // The device of the driver that holds the request: the one its current stack location names.
+  PDEVICE_OBJECT device =
+      Irp->CurrentLocation <= Irp->StackCount ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject : nullptr;
+  routine(device, Irp);
+  if (K().io.CancelSpinLockHeld()) {
+    K().verifier.Violation("IoCancelIrp", "the cancel routine returned without releasing the cancel spin lock");
+    IoReleaseCancelSpinLock(irql);
+  }
+  return TRUE;
+}

@@ -264,6 +264,7 @@ _KPROCESS* CurrentProcess() {
 
 ThreadScope::ThreadScope(_KTHREAD* thread, KPROCESSOR_MODE previousMode)
     : thread_(thread), attachDepth_(thread->attachDepth) {
+  thread->scopes.fetch_add(1, std::memory_order_acq_rel);
   saved_ = (t_binding.generation == K().generation) ? t_binding.thread : nullptr;
   savedMode_ = thread->previousMode;
   t_binding.thread = thread;
@@ -280,6 +281,7 @@ ThreadScope::~ThreadScope() {
   }
   thread_->previousMode = savedMode_;
   t_binding.thread = saved_;
+  thread_->scopes.fetch_sub(1, std::memory_order_acq_rel);
 }
 
 void ResetCurrentThreadBinding() { t_binding = Binding(); }

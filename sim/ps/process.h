@@ -10,6 +10,7 @@
 // not acting threads of any host thread; they run only for their own exit.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -77,6 +78,9 @@ struct _KTHREAD {
 
   bool systemThread = false;  // made by PsCreateSystemThread
   bool terminated = false;    // its thread object is signalled; guarded by the dispatcher lock
+  // Host threads running as this thread now (ThreadScope): its exit waits until the one blocked
+  // in a request that the exit cancelled has left, so that one host thread at a time runs as it.
+  std::atomic<int> scopes{0};
 };
 
 namespace ntsim {

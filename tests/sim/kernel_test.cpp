@@ -591,6 +591,34 @@ TEST(CriticalRegionTest, RegionsNestAndAnUnmatchedLeaveIsAViolation) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// UUIDs
+
+TEST(UuidTest, EachIsANewRandomVersion4Uuid) {
+  World world;
+  RecordViolations(world);
+  std::vector<UUID> made(64);
+  for (UUID& uuid : made) {
+    ASSERT_EQ(ExUuidCreate(&uuid), STATUS_SUCCESS);
+    EXPECT_EQ(uuid.Data3 >> 12, 4) << "version";
+    EXPECT_EQ(uuid.Data4[0] >> 6, 2) << "variant";
+  }
+  for (size_t i = 0; i < made.size(); ++i) {
+    for (size_t j = i + 1; j < made.size(); ++j) EXPECT_NE(std::memcmp(&made[i], &made[j], sizeof(UUID)), 0);
+  }
+  // Threads draw their own: no two alike either.
+  UUID other;
+  { HostThread thread([&] { ExUuidCreate(&other); }); }
+  for (const UUID& uuid : made) EXPECT_NE(std::memcmp(&uuid, &other, sizeof(UUID)), 0);
+  EXPECT_TRUE(world.verifier().Violations().empty());
+
+  KIRQL old;
+  KeRaiseIrql(APC_LEVEL, &old);
+  ExUuidCreate(&other);
+  KeLowerIrql(old);
+  EXPECT_EQ(ViolationCalls(world), std::vector<std::string>{"ExUuidCreate"});
+}
+
+// ---------------------------------------------------------------------------------------------
 // Guarded copy
 
 TEST(GuardedCopyTest, FaultingSourcesAndDestinationsGiveAccessViolation) {

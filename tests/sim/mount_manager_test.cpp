@@ -347,9 +347,12 @@ TEST_F(DeviceControlTest, DirectAndNeitherRequestsReachTheCallersBuffers) {
       EXPECT_NE(irp->AssociatedIrp.SystemBuffer, in);
       EXPECT_NE(irp->MdlAddress, nullptr);
       if (!irp->MdlAddress) return Complete(irp, STATUS_INVALID_PARAMETER, 0);
-      EXPECT_EQ(irp->MdlAddress->MappedSystemVa, out);
       EXPECT_EQ(irp->MdlAddress->ByteCount, sizeof out);
-      std::memcpy(irp->MdlAddress->MappedSystemVa, "direct", 7);
+      // The MDL describes the caller's buffer; the driver maps it before using it.
+      PVOID system = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
+      EXPECT_EQ(system, out);
+      if (!system) return Complete(irp, STATUS_INSUFFICIENT_RESOURCES, 0);
+      std::memcpy(system, "direct", 7);
     }
     return Complete(irp, STATUS_SUCCESS, 8);
   };

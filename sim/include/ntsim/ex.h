@@ -70,6 +70,9 @@ typedef struct _EX_RUNDOWN_REF {
 #define EX_PUSH_LOCK ULONG_PTR
 #define PEX_PUSH_LOCK PULONG_PTR
 
+// A UUID and a GUID are one and the same record.
+typedef GUID UUID;
+
 typedef NTSTATUS NTAPI EX_CALLBACK_FUNCTION(PVOID CallbackContext, PVOID Argument1, PVOID Argument2);
 typedef EX_CALLBACK_FUNCTION *PEX_CALLBACK_FUNCTION;
 
@@ -120,5 +123,7 @@ VOID NTAPI ExInitializeFastMutex(PFAST_MUTEX FastMutex);
 VOID NTAPI ExAcquireFastMutex(PFAST_MUTEX FastMutex);
 VOID NTAPI ExReleaseFastMutex(PFAST_MUTEX FastMutex);
 BOOLEAN NTAPI ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex);
+
+NTSTATUS NTAPI ExUuidCreate(UUID *Uuid);
 
 NTSIM_END_DECLS

@@ -220,6 +220,7 @@ typedef struct _IO_STACK_LOCATION {
   PVOID Context;
 } IO_STACK_LOCATION, *PIO_STACK_LOCATION;
 
+// Laid out as the kernel's: drivers reach into Tail.Overlay and the cancel fields directly.
 struct _IRP {
   CSHORT Type;
   USHORT Size;
@@ -227,7 +228,7 @@ struct _IRP {
   ULONG Flags;
   union {
     struct _IRP *MasterIrp;
-    LONG IrpCount;
+    volatile LONG IrpCount;
     PVOID SystemBuffer;
   } AssociatedIrp;
   LIST_ENTRY ThreadListEntry;
@@ -242,23 +243,80 @@ struct _IRP {
   UCHAR AllocationFlags;
   PIO_STATUS_BLOCK UserIosb;
   PKEVENT UserEvent;
-  PDRIVER_CANCEL CancelRoutine;
+  union {
+    struct {
+      union {
+        PVOID UserApcRoutine;
+        PVOID IssuingProcess;
+      };
+      PVOID UserApcContext;
+    } AsynchronousParameters;
+    LARGE_INTEGER AllocationSize;
+  } Overlay;
+  volatile PDRIVER_CANCEL CancelRoutine;
   PVOID UserBuffer;
   union {
     struct {
       union {
-        LIST_ENTRY ListEntry;
+        UCHAR DeviceQueueEntry[24];
         PVOID DriverContext[4];
       };
       PETHREAD Thread;
       PCHAR AuxiliaryBuffer;
-      PIO_STACK_LOCATION CurrentStackLocation;
+      struct {
+        LIST_ENTRY ListEntry;
+        union {
+          struct _IO_STACK_LOCATION *CurrentStackLocation;
+          ULONG PacketType;
+        };
+      };
       PFILE_OBJECT OriginalFileObject;
     } Overlay;
+    UCHAR Apc[0x58];  // a KAPC, which the simulator does not use
+    PVOID CompletionKey;
   } Tail;
 };
+static_assert(sizeof(IRP) == 0xD0, "IRP is laid out as the kernel's");
+static_assert(offsetof(IRP, CancelRoutine) == 0x68, "IRP.CancelRoutine");
+static_assert(offsetof(IRP, Tail.Overlay.DriverContext) == 0x78, "IRP.Tail.Overlay.DriverContext");
+static_assert(offsetof(IRP, Tail.Overlay.ListEntry) == 0xA8, "IRP.Tail.Overlay.ListEntry");
+static_assert(offsetof(IRP, Tail.Overlay.OriginalFileObject) == 0xC0, "IRP.Tail.Overlay.OriginalFileObject");
 
 #define SL_PENDING_RETURNED 0x01
+
+// Cancel-safe queues. As in wdm.h the callbacks are declared as pointer types; only the Ex insert
+// routine also has a function type.
+#define IO_TYPE_CSQ_IRP_CONTEXT 1
+#define IO_TYPE_CSQ 2
+#define IO_TYPE_CSQ_EX 3
+
+struct _IO_CSQ;
+
+typedef struct _IO_CSQ_IRP_CONTEXT {
+  ULONG Type;
+  struct _IRP *Irp;
+  struct _IO_CSQ *Csq;
+} IO_CSQ_IRP_CONTEXT, *PIO_CSQ_IRP_CONTEXT;
+
+typedef VOID(NTAPI *PIO_CSQ_INSERT_IRP)(struct _IO_CSQ *Csq, PIRP Irp);
+typedef NTSTATUS(NTAPI IO_CSQ_INSERT_IRP_EX)(struct _IO_CSQ *Csq, PIRP Irp, PVOID InsertContext);
+typedef IO_CSQ_INSERT_IRP_EX *PIO_CSQ_INSERT_IRP_EX;
+typedef VOID(NTAPI *PIO_CSQ_REMOVE_IRP)(struct _IO_CSQ *Csq, PIRP Irp);
+typedef PIRP(NTAPI *PIO_CSQ_PEEK_NEXT_IRP)(struct _IO_CSQ *Csq, PIRP Irp, PVOID PeekContext);
+typedef VOID(NTAPI *PIO_CSQ_ACQUIRE_LOCK)(struct _IO_CSQ *Csq, PKIRQL Irql);
+typedef VOID(NTAPI *PIO_CSQ_RELEASE_LOCK)(struct _IO_CSQ *Csq, KIRQL Irql);
+typedef VOID(NTAPI *PIO_CSQ_COMPLETE_CANCELED_IRP)(struct _IO_CSQ *Csq, PIRP Irp);
+
+typedef struct _IO_CSQ {
+  ULONG Type;
+  PIO_CSQ_INSERT_IRP CsqInsertIrp;
+  PIO_CSQ_REMOVE_IRP CsqRemoveIrp;
+  PIO_CSQ_PEEK_NEXT_IRP CsqPeekNextIrp;
+  PIO_CSQ_ACQUIRE_LOCK CsqAcquireLock;
+  PIO_CSQ_RELEASE_LOCK CsqReleaseLock;
+  PIO_CSQ_COMPLETE_CANCELED_IRP CsqCompleteCanceledIrp;
+  PVOID ReservePointer;
+} IO_CSQ, *PIO_CSQ;
 
 NTSIM_BEGIN_DECLS
 
@@ -280,7 +338,31 @@ PIRP NTAPI IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT Dev
                                          BOOLEAN InternalDeviceIoControl, PKEVENT Event,
                                          PIO_STATUS_BLOCK IoStatusBlock);
 
+
+// Cancellation and the cancel-safe queue routines.
+BOOLEAN NTAPI IoCancelIrp(PIRP Irp);
+VOID NTAPI IoAcquireCancelSpinLock(PKIRQL Irql);
+VOID NTAPI IoReleaseCancelSpinLock(KIRQL Irql);
+NTSTATUS NTAPI IoCsqInitialize(PIO_CSQ Csq, PIO_CSQ_INSERT_IRP CsqInsertIrp, PIO_CSQ_REMOVE_IRP CsqRemoveIrp,
+                               PIO_CSQ_PEEK_NEXT_IRP CsqPeekNextIrp, PIO_CSQ_ACQUIRE_LOCK CsqAcquireLock,
+                               PIO_CSQ_RELEASE_LOCK CsqReleaseLock,
+                               PIO_CSQ_COMPLETE_CANCELED_IRP CsqCompleteCanceledIrp);
+NTSTATUS NTAPI IoCsqInitializeEx(PIO_CSQ Csq, PIO_CSQ_INSERT_IRP_EX CsqInsertIrp, PIO_CSQ_REMOVE_IRP CsqRemoveIrp,
+                                 PIO_CSQ_PEEK_NEXT_IRP CsqPeekNextIrp, PIO_CSQ_ACQUIRE_LOCK CsqAcquireLock,
+                                 PIO_CSQ_RELEASE_LOCK CsqReleaseLock,
+                                 PIO_CSQ_COMPLETE_CANCELED_IRP CsqCompleteCanceledIrp);
+VOID NTAPI IoCsqInsertIrp(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Context);
+NTSTATUS NTAPI IoCsqInsertIrpEx(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Context, PVOID InsertContext);
+PIRP NTAPI IoCsqRemoveIrp(PIO_CSQ Csq, PIO_CSQ_IRP_CONTEXT Context);
+PIRP NTAPI IoCsqRemoveNextIrp(PIO_CSQ Csq, PVOID PeekContext);
+
 NTSIM_END_DECLS
+
+// As wdm.h defines it: an interlocked exchange, so that setting and clearing race safely with
+// IoCancelIrp, which takes the routine out the same way.
+#define IoSetCancelRoutine(_Irp, _CancelRoutine)                                   \
+  ((PDRIVER_CANCEL)(ULONG_PTR)InterlockedExchangePointer((PVOID *)&(_Irp)->CancelRoutine, \
+                                                         (PVOID)(ULONG_PTR)(_CancelRoutine)))
 
 #define IoCompleteRequest(Irp, PriorityBoost) IofCompleteRequest((Irp), (PriorityBoost))
 #define IoCallDriver(DeviceObject, Irp) IofCallDriver((DeviceObject), (Irp))

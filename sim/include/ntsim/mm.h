@@ -52,6 +52,13 @@ typedef enum _MM_PAGE_PRIORITY {
 #define MmGetMdlByteCount(Mdl) ((Mdl)->ByteCount)
 #define MmGetMdlByteOffset(Mdl) ((Mdl)->ByteOffset)
 
+// As wdm.h defines it: an MDL already mapped into system space (or built over non-paged pool) gives
+// its mapping; any other is mapped now, and null comes back when that fails.
+#define MmGetSystemAddressForMdlSafe(_Mdl, _Priority)                                                \
+  (((_Mdl)->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL))                      \
+       ? (_Mdl)->MappedSystemVa                                                                      \
+       : (PVOID)MmMapLockedPagesSpecifyCache((_Mdl), KernelMode, MmCached, NULL, FALSE, (_Priority)))
+
 NTSIM_BEGIN_DECLS
 
 PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName);

@@ -363,6 +363,9 @@ NTSTATUS World::LoadDriver() {
 Verdict World::UnloadDriver() {
   if (!driver_) return Verdict{{{"UnloadDriver", "no driver is loaded"}}};
   if (!driver_->DriverUnload) return Verdict{{{"UnloadDriver", "the driver has no unload routine"}}};
+  // The kernel unloads a driver only once its devices' last references are gone; closes that
+  // completions deferred are part of that.
+  kernel_->io.WaitForDeferredDereferences();
   for (PDEVICE_OBJECT device = driver_->DeviceObject; device; device = device->NextDevice) {
     if (device->ReferenceCount > 0) {
       return Verdict{{{"UnloadDriver", "a device of the driver is still open: the unload waits for its handles"}}};

@@ -3,6 +3,8 @@
 #include "core/load_guard.h"
 #include "core/record_tags.h"
 #include "core/sentrel_data.h"
+#include "channel/dispatch.h"
+#include "channel/pending_reads.h"
 
 #define SK_MODULE SK_TRACE_CORE
 
@@ -56,8 +58,7 @@ static void sk_InitDeviceExtension(PDEVICE_OBJECT DeviceObject) {
   PSK_DEVICE_EXTENSION extension = (PSK_DEVICE_EXTENSION)DeviceObject->DeviceExtension;
   extension->Tag = SK_RECORD_DEVICE_EXTENSION;
   extension->Size = sizeof(SK_DEVICE_EXTENSION);
-  InitializeListHead(&extension->PendingReadList);
-  ExInitializeFastMutex(&extension->PendingReadLock);
+  sk_InitPendingReads(extension);
 }
 
 static VOID sk_DriverUnload(PDRIVER_OBJECT DriverObject) {
@@ -126,8 +127,10 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
   DriverObject->MajorFunction[IRP_MJ_CREATE] = sk_DispatchCreateClose;
   DriverObject->MajorFunction[IRP_MJ_CLOSE] = sk_DispatchCreateClose;
   DriverObject->MajorFunction[IRP_MJ_SHUTDOWN] = sk_DispatchShutdown;
-  // Read, write, device control and cleanup are answered as invalid requests until device
-  // dispatch and registration (sk_Read, sk_Write, sk_DeviceControl, sk_Cleanup) take their places.
+  DriverObject->MajorFunction[IRP_MJ_READ] = sk_Read;
+  DriverObject->MajorFunction[IRP_MJ_WRITE] = sk_Write;
+  DriverObject->MajorFunction[IRP_MJ_DEVICE_CONTROL] = sk_DeviceControl;
+  DriverObject->MajorFunction[IRP_MJ_CLEANUP] = sk_Cleanup;
   DriverObject->DriverUnload = sk_DriverUnload;
 
   status = sk_InitSentrelData();

@@ -19,3 +19,6 @@
 #define SK_TAG_PROCESS_SNAPSHOT 'pMTg'  // "gTMp": snapshots of the running processes
 #define SK_TAG_MODULE_SNAPSHOT 'sMTg'   // "gTMs": snapshots of the loaded kernel modules
 #define SK_TAG_MAPPED_NAME 'Mnxx'       // "xxnM": the mapped-file-name buffer of the address-space walk
+#define SK_TAG_MSG_COPY 'mfTg'          // "gTfm": private copies of queued packets
+#define SK_TAG_MSG_QUEUE_TABLE 'pqtG'   // "Gtqp": the message-queue table's nodes
+#define SK_TAG_BROADCAST_COPY 'pKtG'    // "GtKp": a broadcast packet's copy for one queue

@@ -3,6 +3,8 @@
 #include "core/debug_log.h"
 #include "core/pool_tags.h"
 #include "core/record_tags.h"
+#include "channel/msg_queue.h"
+#include "channel/registration.h"
 #include "monitor/callback_plus.h"
 #include "monitor/image_record.h"
 #include "names/path_convert.h"
@@ -13,9 +15,9 @@
 SENTREL_DATA SentrelData;
 
 // The managers, in start-up order; they stop in the reverse order. Each later manager takes its
-// place here as it lands (communication and stack hook before the path cache; black and white
-// rule sets and the logon table before the DOS names; then images, processes, package cache,
-// message queues, producer interface).
+// place here as it lands (the stack hook before the path cache; black and white rule sets and the
+// logon table before the DOS names; then images, processes and the package cache before the
+// message queues; the producer interface last).
 typedef struct _SK_MANAGER {
   const char *StartName;
   NTSTATUS (*Start)(void);
@@ -28,16 +30,22 @@ static NTSTATUS sk_StopPathMgr(void) { return sk_UninitPathMgr(&SentrelData.Path
 static NTSTATUS sk_StartDosNameMgr(void) { return sk_InitDosNameMgr(&SentrelData.DosNameMgr); }
 static NTSTATUS sk_StopDosNameMgr(void) { return sk_UninitDosNameMgr(&SentrelData.DosNameMgr); }
 
+static NTSTATUS sk_StartProcMsgMgr(void) { return sk_InitProcMsgMgr(&SentrelData.ProcMsgMgr); }
+static NTSTATUS sk_StopProcMsgMgr(void) { return sk_UninitProcMsgMgr(&SentrelData.ProcMsgMgr); }
+
 static NTSTATUS sk_StartRingBuf(void) { return rb_InitRingBuf(&SentrelData.RingBuf); }
 static NTSTATUS sk_StopRingBuf(void) { return rb_UnInitRingBuf(&SentrelData.RingBuf); }
 
 static const SK_MANAGER SkManagers[] = {
     {"sk_InitCallbackPlus", sk_InitCallbackPlus, "sk_UninitCallbackPlus", sk_UninitCallbackPlus},
     {"rb_InitRingBuf", sk_StartRingBuf, "rb_UnInitRingBuf", sk_StopRingBuf},
-    // Communication and the stack hook come here, before the path cache.
+    {"sk_InitCommuncation", sk_InitCommuncation, "sk_UninitCommuncation", sk_UninitCommuncation},
+    // The stack hook comes here, before the path cache.
     {"sk_InitPathMgr", sk_StartPathMgr, "sk_UninitPathMgr", sk_StopPathMgr},
     // The black and white rule sets and the logon table come here, before the DOS names.
     {"sk_InitDosNameMgr", sk_StartDosNameMgr, "sk_UninitDosNameMgr", sk_StopDosNameMgr},
+    // Images, processes and the package cache come here, before the message queues.
+    {"sk_InitProcMsgMgr", sk_StartProcMsgMgr, "sk_UninitProcMsgMgr", sk_StopProcMsgMgr},
     {NULL, NULL, NULL, NULL},  // end of the table
 };
 

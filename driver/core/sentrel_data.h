@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/nt.h"
+#include "channel/msg_queue.h"
 #include "channel/msg_queue_record.h"
 #include "channel/ring_buffer.h"
 #include "channel/registration_record.h"
@@ -38,7 +39,8 @@ typedef struct _SENTREL_DATA {
   volatile LONG ImageLoadCount;
   volatile LONG DriverLoadCount;
   SK_PATH_MGR PathMgr;
-  // The process and image tables and the message queues join here as they land.
+  // The process and image tables join here as they land.
+  SK_PROC_MSG_MGR ProcMsgMgr;
   SK_DOS_NAME_MGR DosNameMgr;
   // The stack hook, logon table, white and black rule sets and package cache join here, in this
   // order, as each lands.
@@ -55,7 +57,7 @@ typedef struct _SK_DEVICE_EXTENSION {
   USHORT Size;
   LIST_ENTRY PendingReadList;
   FAST_MUTEX PendingReadLock;
-  // The cancel-safe queue over these two comes with the message queues.
+  IO_CSQ CancelSafeQueue;  // over the two above (channel/pending_reads.h)
 } SK_DEVICE_EXTENSION, *PSK_DEVICE_EXTENSION;
 
 extern SENTREL_DATA SentrelData;

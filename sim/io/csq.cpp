@@ -92,6 +92,7 @@ NTSTATUS NTAPI IoCsqInitializeEx(PIO_CSQ Csq, PIO_CSQ_INSERT_IRP_EX CsqInsertIrp
 NTSTATUS NTAPI IoCsqInsertIrpEx(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Context, PVOID InsertContext) {
   const char* call = "IoCsqInsertIrp";
   if (!CheckQueue(call, Csq)) return STATUS_INVALID_PARAMETER;
+  K().io.RunCsqHook(CsqStep::Inserting);
   if (__atomic_load_n(&Irp->CancelRoutine, __ATOMIC_SEQ_CST)) {
     K().verifier.Violation(call, "the request already has a cancel routine");
   }
@@ -150,6 +151,7 @@ PIRP NTAPI IoCsqRemoveIrp(PIO_CSQ Csq, PIO_CSQ_IRP_CONTEXT Context) {
     }
   }
   Csq->CsqReleaseLock(Csq, irql);
+  if (!irp) K().io.RunCsqHook(CsqStep::FoundNothing);
   return irp;
 }
 
@@ -167,5 +169,6 @@ PIRP NTAPI IoCsqRemoveNextIrp(PIO_CSQ Csq, PVOID PeekContext) {
     irp = Csq->CsqPeekNextIrp(Csq, irp, PeekContext);
   }
   Csq->CsqReleaseLock(Csq, irql);
+  if (!irp) K().io.RunCsqHook(CsqStep::FoundNothing);
   return irp;
 }

@@ -718,7 +718,27 @@ void IoManager::DropFileReference(PFILE_OBJECT file) {
   if (stopping_) return;
   if (!deferredWorker_.joinable()) deferredWorker_ = std::thread([this] { DeferredDereferences(); });
   deferred_.push_back(file);
+  ++deferredPending_;
   deferredWake_.notify_one();
+}
+
+void IoManager::SetCsqHook(std::function<void(CsqStep)> hook) {
+  std::lock_guard<std::mutex> lock(csqHookMutex_);
+  csqHook_ = std::move(hook);
+}
+
+void IoManager::RunCsqHook(CsqStep step) {
+  std::function<void(CsqStep)> hook;
+  {
+    std::lock_guard<std::mutex> lock(csqHookMutex_);
+    hook = csqHook_;
+  }
+  if (hook) hook(step);
+}
+
+void IoManager::WaitForDeferredDereferences() {
+  std::unique_lock<std::mutex> lock(deferredMutex_);
+  deferredDone_.wait(lock, [this] { return stopping_ || deferredPending_ == 0; });
 }
 
 void IoManager::DeferredDereferences() {
@@ -735,6 +755,8 @@ void IoManager::DeferredDereferences() {
         deferred_.pop_front();
       }
       ob_->Dereference(file);
+      std::lock_guard<std::mutex> lock(deferredMutex_);
+      if (--deferredPending_ == 0) deferredDone_.notify_all();
     }
   }
   ResetCurrentThreadBinding();

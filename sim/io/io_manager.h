@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <deque>
 #include <map>
 #include <memory>
@@ -81,8 +82,16 @@ class PendingIo {
   LONGLONG position_ = 0;
 };
 
+// Moments of a cancel-safe queue at which a test may act: a request about to be inserted, and a
+// removal that found no request.
+enum class CsqStep { Inserting, FoundNothing };
+
 class IoManager {
  public:
+  // Runs at those moments, on the calling thread, holding no lock of the queue (null: nothing).
+  void SetCsqHook(std::function<void(CsqStep)> hook);
+  void RunCsqHook(CsqStep step);
+
   void Boot(ObjectManager& ob);
   void Teardown();
 
@@ -102,6 +111,9 @@ class IoManager {
   void FreeIrp(PIRP irp);
   // Requests not yet completed; with a driver, only those it holds in one of its devices.
   size_t OutstandingRequests(PDRIVER_OBJECT driver = nullptr);
+  // Returns once every file reference that a completion handed to the deferred worker has been
+  // dropped (and the closes it caused have run).
+  void WaitForDeferredDereferences();
   // Requests allocated and not yet freed, completed or not.
   size_t AllocatedRequests();
 
@@ -228,7 +240,11 @@ class IoManager {
   // worker at PASSIVE_LEVEL as the kernel's deferred deletion does: the last one sends the close.
   std::mutex deferredMutex_;
   std::condition_variable deferredWake_;
+  std::mutex csqHookMutex_;
+  std::function<void(CsqStep)> csqHook_;
   std::deque<PFILE_OBJECT> deferred_;
+  std::condition_variable deferredDone_;
+  size_t deferredPending_ = 0;  // queued or being dereferenced
   std::thread deferredWorker_;
   bool stopping_ = false;
   std::vector<PDEVICE_OBJECT> shutdown_;

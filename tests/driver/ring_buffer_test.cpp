@@ -4,8 +4,9 @@
 // then another, the owner's exit, the processor numbering on a machine with two processor groups,
 // and many writers on every processor racing a draining reader.
 //
-// The device's dispatch of IOCTL_SK_MAP_RINGBUF does not exist yet: the consumer's mapping comes
-// from calling the driver's mapping routine directly in the consumer process's context.
+// Here the consumer's mapping comes from calling the driver's mapping routine directly in the
+// consumer process's context; the device request that does the same (IOCTL_SK_MAP_RINGBUF) is
+// exercised with the rest of the dispatch.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -130,7 +131,7 @@ class RingBufferTest : public ::testing::Test {
     return OnProcessor(world(), processor,
                        [&] { return rb_WriteRingBuf(&rb, packet.data(), static_cast<ULONG>(packet.size())); });
   }
-  // IOCTL_SK_MAP_RINGBUF as the consumer will send it; here the mapping routine is called directly.
+  // What IOCTL_SK_MAP_RINGBUF does for the consumer; here the mapping routine is called directly.
   NTSTATUS Map(UserProcess& consumer, std::vector<uint8_t>* info, ULONG size = 0) {
     info->assign(size ? size : RING_BUF_MAP_INFO_SIZE(rb.BufferCount), 0xEE);
     ULONG length = static_cast<ULONG>(info->size());

@@ -1,0 +1,323 @@
+#include "channel/dispatch.h"
+
+#include "channel/msg_queue.h"
+#include "channel/pending_reads.h"
+#include "channel/registration.h"
+#include "channel/ring_buffer.h"
+#include "channel/routing.h"
+#include "core/debug_log.h"
+#include "core/record_tags.h"
+#include "core/sentrel_data.h"
+#include "sentrel/control_codes.h"
+#include "sentrel/packet.h"
+
+#define SK_MODULE SK_TRACE_COMMU
+
+#define SK_NO_INFORMATION ((ULONG_PTR)-1)
+
+static NTSTATUS sk_Complete(PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {
+  Irp->IoStatus.Status = Status;
+  Irp->IoStatus.Information = Information;
+  IoCompleteRequest(Irp, IO_NO_INCREMENT);
+  return Status;
+}
+
+NTSTATUS sk_ServeRead(PIRP Irp, ULONG ProcessId) {
+  PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+  ULONG length = IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length;
+  ULONG needed;
+  PSK_MSG_NODE node;
+  PVOID buffer;
+
+  for (;;) {
+    if (NT_SUCCESS(sk_GetMsgLength(&SentrelData.ProcMsgMgr, ProcessId, fileObject, &needed))) {
+      if (needed > length) {
+        SK_ERROR("NeedLength > Length -> NeedLength:0x%0x\n", needed);
+        SK_INFO(" Complete Irp[0x%p]\n", Irp);
+        return sk_Complete(Irp, STATUS_BUFFER_TOO_SMALL, needed);
+      }
+      node = sk_PickMsgFromMsgQueue(&SentrelData.ProcMsgMgr, ProcessId);
+      if (node) {
+        if (node->MsgLen > length) {
+          needed = node->MsgLen;
+          sk_ReInsertMsgNodeToMsgQueue(&SentrelData.ProcMsgMgr, ProcessId, node);
+          SK_ERROR("MsgNode->MsgLen > Length -> NeedLength:0x%0x\n", needed);
+          SK_INFO(" Complete Irp[0x%p]\n", Irp);
+          return sk_Complete(Irp, STATUS_BUFFER_TOO_SMALL, needed);
+        }
+        buffer = Irp->MdlAddress ? MmGetSystemAddressForMdlSafe(Irp->MdlAddress, NormalPagePriority) : NULL;
+        if (!buffer) {
+          SK_ERROR("MmGetSystemAddressForMdlSafe fail\n");
+          sk_FreeMsgNode(node);
+          return sk_Complete(Irp, STATUS_INSUFFICIENT_RESOURCES, SK_NO_INFORMATION);
+        }
+        SK_INFO("Read MsgNode:0x%p Msg:0x%p MsgLen:0x%0x\n", node, node->Msg, node->MsgLen);
+        RtlCopyMemory(buffer, node->Msg, node->MsgLen);
+        needed = node->MsgLen;
+        sk_FreeMsgNode(node);
+        SK_INFO("Read Success[len:0x%0x]\n", needed);
+        return sk_Complete(Irp, STATUS_SUCCESS, needed);
+      }
+      SK_INFO("No Msg,Insert Irp to Queue\n");
+    } else {
+      SK_INFO("Get Msg Length fail(No Msg),Insert Irp to Queue\n");
+    }
+
+    // Wait for a packet. A sender that queued one just before the read was parked looks for
+    // parked reads only after queuing, and the read looks at its queue again only after parking,
+    // so one of the two sees the other: either the sender serves the read, or the read takes
+    // itself back here and starts over.
+    if (Irp->UserEvent) KeResetEvent(Irp->UserEvent);
+    SK_INFO("Insert Irp[0x%p] to Queue\n", Irp);
+    sk_ParkRead(Irp);
+    if (!NT_SUCCESS(sk_GetMsgLength(&SentrelData.ProcMsgMgr, ProcessId, fileObject, &needed)) || !sk_UnparkRead(Irp)) {
+      return STATUS_PENDING;
+    }
+  }
+}
+
+NTSTATUS sk_Read(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+  NTSTATUS status;
+  UNREFERENCED_PARAMETER(DeviceObject);
+  SK_ENTER();
+  status = sk_ServeRead(Irp, (ULONG)(ULONG_PTR)PsGetCurrentProcessId());
+  SK_LEAVE(status);
+  return status;
+}
+
+NTSTATUS sk_Write(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+  ULONG length = IoGetCurrentIrpStackLocation(Irp)->Parameters.Write.Length;
+  NTSTATUS status = STATUS_INVALID_PARAMETER;
+  ULONG_PTR information = 0;
+  PSK_PACKET packet;
+
+  UNREFERENCED_PARAMETER(DeviceObject);
+  SK_ENTER();
+  if (Irp->UserEvent) KeSetEvent(Irp->UserEvent, 1, FALSE);
+  if (!Irp->MdlAddress || length < SK_PACKET_MIN_SIZE) {
+    SK_ERROR("Length < sizeof(SK_PACKET)\n");
+    goto Exit;
+  }
+  packet = (PSK_PACKET)MmGetSystemAddressForMdlSafe(Irp->MdlAddress, NormalPagePriority);
+  if (!packet) {
+    SK_ERROR("MmGetSystemAddressForMdlSafe fail\n");
+    status = STATUS_INSUFFICIENT_RESOURCES;
+    goto Exit;
+  }
+  switch (packet->PacketType) {
+    case 0:
+      break;
+    case SKPT_EVENT:
+      SK_INFO("SKPT_EVENT\n");
+      if (packet->DstType == SKT_CONSUMER) {
+        status = rb_WriteRingBuf(&SentrelData.RingBuf, packet, length);
+        if (NT_SUCCESS(status)) information = length;
+      }
+      break;
+    case SKPT_CONTROL:
+      SK_INFO("SKPT_CONTROL\n");
+      status = sk_Commu_Control(packet, length, &information);
+      break;
+    default:
+      SK_ERROR("Unknow ProtoType:%d \n", packet->PacketType);
+      break;
+  }
+Exit:
+  sk_Complete(Irp, status, information);
+  SK_LEAVE(status);
+  return status;
+}
+
+static PVOID sk_MapDirectBuffer(PIRP Irp) {
+  return MmGetSystemAddressForMdlSafe(Irp->MdlAddress, NormalPagePriority);
+}
+
+static BOOLEAN sk_RefuseUserMode(NTSTATUS *Status) {
+  if (ExGetPreviousMode() != UserMode) return FALSE;
+  SK_ERROR("Access Denied UserMode Request\n");
+  *Status = STATUS_ACCESS_DENIED;
+  return TRUE;
+}
+
+static BOOLEAN sk_RefuseNonConsumer(NTSTATUS *Status, ULONG_PTR *Information) {
+  if (sk_IsConsumerProcess(PsGetCurrentProcessId())) return FALSE;
+  SK_ERROR("Not Comsumer Process\n");
+  *Status = STATUS_ACCESS_DENIED;
+  *Information = SK_NO_INFORMATION;
+  return TRUE;
+}
+
+NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  ULONG code = stack->Parameters.DeviceIoControl.IoControlCode;
+  ULONG inputLength = stack->Parameters.DeviceIoControl.InputBufferLength;
+  ULONG outputLength = stack->Parameters.DeviceIoControl.OutputBufferLength;
+  PVOID systemBuffer = Irp->AssociatedIrp.SystemBuffer;
+  NTSTATUS status = STATUS_INVALID_PARAMETER;
+  ULONG_PTR information = 0;
+  PVOID mapped;
+  ULONG length;
+
+  UNREFERENCED_PARAMETER(DeviceObject);
+  SK_ENTER();
+  switch (code) {
+    // The producer-driver table, the kernel interface, the white rule set and the process
+    // descriptions are not built yet: after this routine's own checks, these codes answer
+    // STATUS_NOT_IMPLEMENTED until they are.
+    case IOCTL_SK_REGISTER_PRODUCER:
+      SK_INFO("IOCTL_SK_REGISTER_PRODUCER\n");
+      if (sk_RefuseUserMode(&status)) break;
+      if (inputLength != 16) {
+        SK_ERROR("Invalid Parameter\n");
+        break;
+      }
+      status = STATUS_NOT_IMPLEMENTED;
+      break;
+    case IOCTL_SK_UNREGISTER_PRODUCER:
+      SK_INFO("IOCTL_SK_UNREGISTER_PRODUCER\n");
+      if (sk_RefuseUserMode(&status)) break;
+      if (inputLength != 8) {
+        SK_ERROR("Invalid Parameter\n");
+        break;
+      }
+      status = STATUS_NOT_IMPLEMENTED;
+      break;
+    case IOCTL_SK_GET_INTERFACEKRNL:
+      SK_INFO("IOCTL_SK_GET_INTERFACEKRNL\n");
+      if (sk_RefuseUserMode(&status)) break;
+      if (outputLength != 124) {
+        SK_ERROR("Invalid Parameter\n");
+        break;
+      }
+      status = STATUS_NOT_IMPLEMENTED;
+      SK_ERROR("sk_GetInterfaceKrnl fail Status:%08lx\n", status);
+      break;
+    case IOCTL_SK_RESERVED_4:
+    case IOCTL_SK_RESERVED_5:
+      status = STATUS_NOT_IMPLEMENTED;
+      information = SK_NO_INFORMATION;
+      break;
+    case IOCTL_SK_ADD_WHITE_RULE:
+      SK_INFO("IOCTL_SK_ADD_WHITE_RULE\n");
+      if (sk_RefuseNonConsumer(&status, &information)) break;
+      if (!Irp->MdlAddress || inputLength == 0) {
+        status = STATUS_NOT_IMPLEMENTED;  // deleting all white rules comes with the white rule set
+        break;
+      }
+      if (inputLength <= 12) {
+        SK_ERROR("Invalid Parameter\n");
+        information = SK_NO_INFORMATION;
+        break;
+      }
+      if (inputLength > MmGetMdlByteCount(Irp->MdlAddress)) break;
+      mapped = sk_MapDirectBuffer(Irp);
+      if (!mapped || *(PUSHORT)mapped == 0) {
+        status = STATUS_INSUFFICIENT_RESOURCES;
+        break;
+      }
+      status = STATUS_NOT_IMPLEMENTED;  // adding the records comes with the white rule set
+      break;
+    case IOCTL_SK_QUERY_PACKCOMINFO:
+      SK_INFO("IOCTL_SK_QUERY_PACKCOMINFO\n");
+      if (!Irp->MdlAddress) {
+        SK_ERROR("!Irp->MdlAddress\n");
+        information = SK_NO_INFORMATION;
+        break;
+      }
+      if (inputLength != 4) {
+        SK_ERROR("Invalid Parameter\n");
+        information = 4;
+        break;
+      }
+      if (!sk_MapDirectBuffer(Irp)) {
+        SK_ERROR("MmGetSystemAddressForMdlSafe fail\n");
+        status = STATUS_INSUFFICIENT_RESOURCES;
+        break;
+      }
+      status = STATUS_NOT_IMPLEMENTED;  // process descriptions come with the package builder
+      information = SK_NO_INFORMATION;
+      break;
+    case IOCTL_APP_REGISTER_CONSUMER:
+    case IOCTL_APP_REGISTER_PRODUCER:
+      SK_INFO("IOCTL_APP_REGISTER_CONSUMER or IOCTL_APP_REGISTER_PRODUCER\n");
+      if (!Irp->MdlAddress) {
+        SK_ERROR("!Irp->MdlAddress\n");
+        information = SK_NO_INFORMATION;
+        break;
+      }
+      mapped = sk_MapDirectBuffer(Irp);
+      if (!mapped) {
+        status = STATUS_INSUFFICIENT_RESOURCES;
+        break;
+      }
+      status = sk_AppRegister(code, stack->FileObject, mapped, outputLength, &information);
+      break;
+    case IOCTL_SK_MAP_RINGBUF:
+      if (!Irp->MdlAddress) {
+        SK_ERROR("!Irp->MdlAddress\n");
+        information = SK_NO_INFORMATION;
+        break;
+      }
+      if (outputLength <= 16) {
+        SK_ERROR("Invalid Parameter\n");
+        information = 16 + 8 * (ULONG_PTR)SentrelData.RingBuf.BufferCount;
+        break;
+      }
+      mapped = sk_MapDirectBuffer(Irp);
+      if (!mapped) {
+        status = STATUS_INSUFFICIENT_RESOURCES;
+        break;
+      }
+      length = outputLength;
+      status = rb_GetRingBufInternal(&SentrelData.RingBuf, IoGetCurrentProcess(), mapped, &length);
+      information = length;
+      break;
+    case IOCTL_SK_EVENT_MASK:
+      if (sk_RefuseNonConsumer(&status, &information)) break;
+      if (inputLength != sizeof(ULONG64)) {
+        SK_ERROR("Invalid Input Parameter\n");
+        information = sizeof(ULONG64);
+        break;
+      }
+      if (*(PULONG64)systemBuffer != SK_EVENT_MASK_QUERY) {
+        SentrelData.EventMask = *(PULONG64)systemBuffer;
+        status = STATUS_SUCCESS;
+        break;
+      }
+      if (outputLength != sizeof(ULONG64)) {
+        SK_ERROR("Invalid Output Parameter\n");
+        information = sizeof(ULONG64);
+        break;
+      }
+      *(PULONG64)systemBuffer = SentrelData.EventMask;
+      information = sizeof(ULONG64);
+      status = STATUS_SUCCESS;
+      break;
+    default:
+      SK_ERROR("Unknow Ioctl:0x%0x\n", code);
+      break;
+  }
+  sk_Complete(Irp, status, information);
+  SK_LEAVE(status);
+  return status;
+}
+
+NTSTATUS sk_Cleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+  PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+  PSK_CCB record = (PSK_CCB)fileObject->FsContext2;
+  PIRP pending;
+
+  UNREFERENCED_PARAMETER(DeviceObject);
+  SK_ENTER();
+  SK_INFO("ProcessId:%d\n", (ULONG)(ULONG_PTR)PsGetCurrentProcessId());
+  if (record) {
+    while ((pending = sk_TakePendingRead(fileObject)) != NULL) sk_Complete(pending, STATUS_CANCELLED, 0);
+    if (record != &SentrelData.ConsumerAuth && record->Tag == SK_RECORD_REGISTRATION && record->Size == sizeof(SK_CCB)) {
+      ExFreeToPagedLookasideList(&SentrelData.CcbLookaside, record);
+      fileObject->FsContext2 = NULL;
+    }
+  }
+  sk_Complete(Irp, STATUS_SUCCESS, 0);
+  SK_LEAVE(STATUS_SUCCESS);
+  return STATUS_SUCCESS;
+}

@@ -1,0 +1,61 @@
+// Message queues: control packets wait here, one queue per process that talks to the device and
+// one for the consumer, until their process reads them. A read that finds nothing waits in the
+// device's pending-read queue (pending_reads.h); a sender hands a packet straight to such a read
+// when there is one, and queues it otherwise. Queues are bounded: the oldest packets go first.
+//
+// Queue lifetime: a queue found in the table is used only while the table's lock is held shared,
+// so the exit of its process (which deletes the queue under the lock held exclusive) waits until
+// every use has ended. The consumer's queue lives in SentrelData from start to stop.
+#pragma once
+
+#include "platform/nt.h"
+#include "channel/msg_queue_record.h"
+
+#define SK_PROC_MSG_MGR_INITED 0x1
+#define SK_PROCESS_QUEUE_LIMIT 2048    // reaching it drops the 8 oldest packets
+#define SK_PROCESS_QUEUE_DROP 8
+#define SK_CONSUMER_QUEUE_LIMIT 16384  // reaching it drops the 2048 oldest packets
+#define SK_CONSUMER_QUEUE_DROP 2048
+
+typedef struct _SK_PROC_MSG_MGR {
+  USHORT Tag;  // SK_RECORD_PROC_MSG_MGR
+  USHORT Size;
+  ULONG Flags;
+  RTL_AVL_TABLE QueueTable;  // SK_MSG_QUEUE elements keyed by process id
+  ERESOURCE QueueTableLock;  // inside a critical region; shared to use a queue, exclusive to add or delete
+} SK_PROC_MSG_MGR, *PSK_PROC_MSG_MGR;
+
+NTSTATUS sk_InitProcMsgMgr(PSK_PROC_MSG_MGR ProcMsgMgr);
+NTSTATUS sk_UninitProcMsgMgr(PSK_PROC_MSG_MGR ProcMsgMgr);
+
+// The table lock, for the operations below that need it held.
+VOID sk_LockQueueTableShared(PSK_PROC_MSG_MGR ProcMsgMgr);
+VOID sk_UnlockQueueTable(PSK_PROC_MSG_MGR ProcMsgMgr);
+
+// Creates the queue of a process, or points an existing one at a new handle.
+NTSTATUS sk_AddProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PFILE_OBJECT FileObject, PSK_MSG_QUEUE *Queue);
+// Finds a queue (the consumer's for the consumer's id); with a file object, a missing one is made.
+// The caller holds the table lock shared; making a queue drops and retakes it.
+NTSTATUS sk_GetProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PFILE_OBJECT FileObject, PSK_MSG_QUEUE *Queue);
+// The length of the oldest packet waiting for the process (its queue made for the handle if it
+// has none); STATUS_NOT_FOUND when nothing waits.
+NTSTATUS sk_GetMsgLength(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PFILE_OBJECT FileObject, PULONG Length);
+// Takes the oldest node out; the caller owns it (sk_FreeMsgNode).
+PSK_MSG_NODE sk_PickMsgFromMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId);
+// Puts a node back behind every packet that waits.
+NTSTATUS sk_ReInsertMsgNodeToMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PSK_MSG_NODE Node);
+// Appends a packet copy (paged pool, SK_TAG_MSG_COPY) that the queue owns from then on.
+NTSTATUS sk_AddMsgToMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PVOID Msg, ULONG MsgLen);
+NTSTATUS sk_AddMsgToConsumerMsgQueue(PSK_MSG_QUEUE ConsumerMsgQueue, PVOID Msg, ULONG MsgLen);
+VOID sk_ClearMsgQueue(PSK_MSG_QUEUE Queue);
+NTSTATUS sk_DelProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId);
+// Calls the broadcast step for every queue, with the table lock held shared.
+NTSTATUS sk_EnumProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, PVOID Context);
+VOID sk_FreeMsgNode(PSK_MSG_NODE Node);
+
+// Process subscriber: an exiting process's queue goes with it.
+VOID sk_ProcMsgNotfiy(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create);
+
+// Delivery of a control packet to a process other than the consumer, or to the consumer.
+NTSTATUS sk_SendMsg(ULONG ProcessId, PVOID Msg, ULONG MsgLen);
+NTSTATUS sk_SendMsgToConsumer(PVOID Msg, ULONG MsgLen);

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds Sentrel for the simulated kernel and runs the demo: a machine boots, the driver loads,
-# a program opens its device, the driver unloads; the driver's log and the verifier's verdict follow.
+# Builds Sentrel for the simulated kernel and runs sentrel-sim: without arguments the built-in demo
+# scenario (scenarios/demo.jsonl), otherwise the scenario given (see docs/scenario.md).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh

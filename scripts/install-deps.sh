@@ -8,6 +8,7 @@ packages=(
   clang lld llvm                # the Windows driver: clang --target=x86_64-w64-mingw32, lld
   mingw-w64-x86-64-dev          # DDK headers and the kernel's import libraries
   binutils-mingw-w64-x86-64     # GNU ld for the checksum cross-check of the driver checker
+  nlohmann-json3-dev            # JSON for sentrel-sim's scenarios and output
 )
 
 missing=()

@@ -1,5 +1,6 @@
 /* The public wire-format headers compiled as C11 for the host. Their static assertions hold here
  * too; the functions below let wire_format_test.cpp compare what C sees with what C++ sees. */
+#include "sentrel/event_data.h"
 #include "sentrel/control_codes.h"
 #include "sentrel/event_types.h"
 #include "sentrel/packet.h"

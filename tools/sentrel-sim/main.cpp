@@ -1,53 +1,44 @@
-// sentrel-sim: runs Sentrel inside the simulated NT kernel and shows what happens.
-//
-// For now it runs the start-up demo: boot a machine, set the driver's Debug levels (PrintLevel 5:
-// errors and traces; TraceLevel 0x2: the driver core), load the driver, open and close its device
-// as a user-mode program would, unload it, and print the driver's debug output and the verifier's
-// verdict. Scenario files come with the consumer library.
+// sentrel-sim: runs Sentrel inside the simulated NT kernel on a scenario and prints, as JSON Lines,
+// what happens: replies, the events the consumer reads, and a closing summary (docs/scenario.md).
 #include <cstdio>
 #include <cstring>
-#include <string>
+#include <fstream>
+#include <iostream>
+#include <sstream>
 
-#include "world.h"
-
-using ntsim::IoResult;
-using ntsim::World;
+#include "runner.h"
 
 int main(int argc, char** argv) {
+  sentrel_sim::RunOptions options;
+  const char* path = nullptr;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-      std::printf("usage: sentrel-sim\n  Loads Sentrel on a simulated machine, opens its device, unloads it,\n"
-                  "  and prints the driver's debug output and the verifier's verdict.\n");
+      std::printf(
+          "usage: sentrel-sim [--log] [scenario.jsonl | -]\n"
+          "  Runs the scenario (the built-in demo when none is given; - reads standard input) on a\n"
+          "  simulated machine with Sentrel and prints JSON Lines: op replies, the events the consumer\n"
+          "  reads, with --log the driver's debug output, and a summary with the verifier's verdict.\n"
+          "  Exit status: 0 all ran and nothing was left behind, 1 otherwise, 2 scenario error.\n");
       return 0;
     }
-  }
-  World world;
-  std::u16string debugKey = std::u16string(World::ServiceKeyPath()) + u"\\Debug";
-  world.SetRegistryDwordDirect(debugKey, u"PrintLevel", 5);
-  world.SetRegistryDwordDirect(debugKey, u"TraceLevel", 0x2);
-
-  NTSTATUS status = world.LoadDriver();
-  std::printf("== load: DriverEntry returned %08x\n", static_cast<unsigned>(status));
-  bool ok = NT_SUCCESS(status);
-  if (ok) {
-    ntsim::UserProcess& agent = world.StartProcess(u"agent.exe");
-    HANDLE device = nullptr;
-    status = agent.CreateFile(u"\\\\.\\Sentrel", GENERIC_READ | GENERIC_WRITE, &device);
-    std::printf("== open \\\\.\\Sentrel from agent.exe (pid %llu): %08x\n",
-                static_cast<unsigned long long>(agent.Id()), static_cast<unsigned>(status));
-    if (NT_SUCCESS(status)) {
-      char buffer[64];
-      IoResult read = agent.ReadFile(device, buffer, sizeof buffer);
-      std::printf("== read: %08x (reads are answered once device dispatch is in)\n",
-                  static_cast<unsigned>(read.status));
-      std::printf("== close: %08x\n", static_cast<unsigned>(agent.CloseHandle(device)));
+    if (std::strcmp(argv[i], "--log") == 0) {
+      options.log = true;
+    } else if (!path) {
+      path = argv[i];
     } else {
-      ok = false;
+      std::fprintf(stderr, "sentrel-sim: one scenario at a time (see --help)\n");
+      return 2;
     }
   }
-  ntsim::Verdict verdict = ok ? world.UnloadDriver() : world.LastVerdict();
-  if (ok) std::printf("== unload\n");
-  std::printf("\n== driver debug output\n%s", world.debug().Text().c_str());
-  std::printf("\n== verifier: %s", verdict.Report().c_str());
-  return ok && verdict.Clean() ? 0 : 1;
+  if (!path) {
+    std::istringstream demo(sentrel_sim::DemoScenario());
+    return sentrel_sim::RunScenario(demo, std::cout, options);
+  }
+  if (std::strcmp(path, "-") == 0) return sentrel_sim::RunScenario(std::cin, std::cout, options);
+  std::ifstream file(path);
+  if (!file) {
+    std::fprintf(stderr, "sentrel-sim: cannot read %s\n", path);
+    return 2;
+  }
+  return sentrel_sim::RunScenario(file, std::cout, options);
 }

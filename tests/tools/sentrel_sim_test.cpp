@@ -1,0 +1,152 @@
+// sentrel-sim through its library entry point: scenarios in, JSON Lines out.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "runner.h"
+#include "scenario.h"
+
+namespace {
+
+using sentrel_sim::Json;
+
+struct Output {
+  int status = -1;
+  std::vector<Json> lines;
+  // The lines that have the key, in order.
+  std::vector<Json> With(const std::string& key) const {
+    std::vector<Json> out;
+    for (const Json& line : lines) {
+      if (line.contains(key)) out.push_back(line);
+    }
+    return out;
+  }
+  Json Reply(const std::string& op, size_t nth = 0) const {
+    for (const Json& line : lines) {
+      if (line.contains("reply") && line["reply"] == op && nth-- == 0) return line;
+    }
+    return Json();
+  }
+  Json Summary() const { return lines.empty() ? Json() : lines.back()["summary"]; }
+};
+
+Output Scenario(const std::string& text, bool log = false) {
+  std::istringstream in(text);
+  std::ostringstream out;
+  Output run;
+  sentrel_sim::RunOptions options;
+  options.log = log;
+  run.status = sentrel_sim::RunScenario(in, out, options);
+  std::istringstream lines(out.str());
+  std::string line;
+  while (std::getline(lines, line)) run.lines.push_back(Json::parse(line));
+  return run;
+}
+
+TEST(SentrelSimTest, TheDemoShowsEventsAndControlPacketsAndEndsClean) {
+  Output run = Scenario(sentrel_sim::DemoScenario());
+  ASSERT_EQ(run.status, 0);
+  std::vector<Json> events = run.With("event");
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0]["event"], "ET_FILE_CREATE");
+  EXPECT_EQ(events[0]["src_pid"], 2000);
+  EXPECT_EQ(events[0]["body"], "1500000006000000433a5c54656d705c612e657865");
+  EXPECT_EQ(events[1]["event"], "ET_NET_CONNECT");
+  // The consumer's read waited until the producer answered.
+  EXPECT_EQ(run.Reply("read", 1)["pending"], true);
+  Json late = run.Reply("read", 2);
+  EXPECT_EQ(late["late"], true);
+  EXPECT_EQ(late["packet"]["body"], "02000000");
+  // The broadcast reached both producers; the bad packets were refused by the driver.
+  EXPECT_EQ(run.Reply("read", 4)["packet"]["body"], "04000000");
+  EXPECT_EQ(run.Reply("read", 5)["packet"]["body"], "04000000");
+  EXPECT_EQ(run.Reply("send", 6)["status"], "0xc000000d");
+  EXPECT_EQ(run.Reply("write")["status"], "0xc000000d");
+  Json summary = run.Summary();
+  EXPECT_EQ(summary["events"]["ET_FILE_CREATE"], 1);
+  EXPECT_EQ(summary["verdict"]["clean"], true);
+  EXPECT_EQ(summary["refused_ops"], 0);
+}
+
+TEST(SentrelSimTest, EachMalformedLineIsNamedAndNothingRuns) {
+  struct Case {
+    std::string scenario;
+    int line;
+    std::string field;
+  };
+  const std::vector<Case> cases = {
+      {"{\"op\":\"load\"}\n{\"op\":", 2, ""},
+      {"[1,2]", 1, ""},
+      {"{\"pid\":4}", 1, "op"},
+      {"{\"op\":7}", 1, "op"},
+      {"{\"op\":\"launch\"}", 1, "op"},
+      {"# comment\n\n{\"op\":\"load\"}\n{\"op\":\"exit\"}", 4, "pid"},
+      {"{\"op\":\"exit\",\"pid\":\"12\"}", 1, "pid"},
+      {"{\"op\":\"exit\",\"pid\":-3}", 1, "pid"},
+      {"{\"op\":\"exit\",\"pid\":12,\"signal\":9}", 1, "signal"},
+      {"{\"op\":\"load\"}\n{\"op\":\"machine\",\"cpus\":2}", 2, "op"},
+      {"{\"op\":\"send\",\"pid\":1,\"packet\":{\"dst\":\"consumer\"}}", 1, "packet.type"},
+      {"{\"op\":\"send\",\"pid\":1,\"packet\":{\"type\":1,\"dst\":1,\"body\":\"xyz\"}}", 1, "packet.body"},
+      {"{\"op\":\"write\",\"pid\":1,\"hex\":\"abc\"}", 1, "hex"},
+      {"{\"op\":\"process\",\"pid\":10,\"image\":\"a.exe\",\"wow64\":1}", 1, "wow64"},
+  };
+  for (const Case& c : cases) {
+    Output run = Scenario(c.scenario);
+    EXPECT_EQ(run.status, 2) << c.scenario;
+    ASSERT_EQ(run.lines.size(), 1u) << c.scenario;  // the error alone: not even the first line ran
+    EXPECT_EQ(run.lines[0]["error"]["line"], c.line) << c.scenario;
+    EXPECT_EQ(run.lines[0]["error"]["field"], c.field) << c.scenario;
+  }
+  // Numbers may be written in hex.
+  Output hex = Scenario("{\"op\":\"machine\",\"cpus\":\"0x2\"}\n{\"op\":\"load\"}\n{\"op\":\"consumer\",\"pid\":\"0x3e8\"}");
+  EXPECT_EQ(hex.status, 0);
+  EXPECT_EQ(hex.Reply("consumer")["buffers"], 2);
+  EXPECT_EQ(hex.Reply("consumer")["pid"], "0x3e8");
+}
+
+TEST(SentrelSimTest, OpsThatCannotRunAreRefusedAndTheRunFails) {
+  Output run = Scenario(
+      "{\"op\":\"send\",\"pid\":5,\"packet\":{\"type\":\"control\",\"dst\":\"consumer\"}}\n"
+      "{\"op\":\"load\"}\n"
+      "{\"op\":\"read\",\"pid\":77}\n"
+      "{\"op\":\"mask\",\"mask\":0}\n"
+      "{\"op\":\"registry\",\"key\":\"\\\\Registry\\\\Machine\\\\Software\",\"value\":\"v\",\"type\":\"REG_WEIRD\",\"data\":1}\n");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.Reply("send")["refused"], "the driver is not loaded");
+  EXPECT_EQ(run.Reply("send")["line"], 1);
+  EXPECT_EQ(run.Reply("read")["refused"], "process 77 is not running");
+  EXPECT_EQ(run.Reply("mask")["refused"], "no consumer is running");
+  EXPECT_TRUE(run.Reply("registry").contains("refused"));
+  EXPECT_EQ(run.Summary()["refused_ops"], 4);
+  EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
+}
+
+TEST(SentrelSimTest, ProcessesThreadsImagesAndTheMachineLifecycle) {
+  Output run = Scenario(
+      "{\"op\":\"volume\",\"device\":\"\\\\Device\\\\HarddiskVolume7\",\"letter\":\"E\"}\n"
+      "{\"op\":\"load\"}\n"
+      "{\"op\":\"process\",\"pid\":300,\"image\":\"C:\\\\Windows\\\\System32\\\\cmd.exe\",\"cmdline\":\"cmd /c x\",\"user\":\"HOST\\\\ann\"}\n"
+      "{\"op\":\"image\",\"pid\":300,\"path\":\"C:\\\\Windows\\\\System32\\\\kernel32.dll\",\"base\":\"0x7ff810000000\"}\n"
+      "{\"op\":\"thread\",\"pid\":300,\"by_pid\":300,\"start_module\":\"kernel32.dll\",\"start_offset\":\"0x1230\"}\n"
+      "{\"op\":\"driver\",\"path\":\"C:\\\\Windows\\\\System32\\\\drivers\\\\extra.sys\"}\n"
+      "{\"op\":\"registry\",\"key\":\"\\\\Registry\\\\Machine\\\\Software\\\\Test\",\"value\":\"Level\",\"type\":\"REG_DWORD\",\"data\":3}\n"
+      "{\"op\":\"crash\"}\n"
+      "{\"op\":\"load\"}\n"
+      "{\"op\":\"consumer\",\"pid\":400}\n"
+      "{\"op\":\"mask\",\"mask\":\"0x30\"}\n"
+      "{\"op\":\"reboot\"}\n"
+      "{\"op\":\"load\"}\n",
+      true);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.Reply("process")["not_simulated"], Json::array({"user"}));
+  EXPECT_EQ(run.Reply("image")["base"], "0x7ff810000000");
+  EXPECT_EQ(run.Reply("thread")["start"], "0x7ff810001230");
+  EXPECT_EQ(run.Reply("registry")["status"], "0x00000000");
+  EXPECT_EQ(run.Reply("load", 1)["status"], "0x00000000");  // after the crash
+  EXPECT_EQ(run.Reply("mask")["status"], "0x00000000");
+  EXPECT_EQ(run.Reply("load", 2)["status"], "0x00000000");  // after the reboot
+  EXPECT_FALSE(run.With("log").empty());
+  EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
+}
+
+}  // namespace

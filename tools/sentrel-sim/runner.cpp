@@ -1,0 +1,598 @@
+#include "runner.h"
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "scenario.h"
+#include "sentrel/control_codes.h"
+#include "sentrel/packet_build.h"
+#include "sentrel/ring_buffer.h"
+#include "sentrel_sdk/event_decoder.h"
+#include "sentrel_sdk/ring_reader.h"
+#include "world.h"
+
+namespace sentrel_sim {
+
+namespace {
+
+using ntsim::IoResult;
+using ntsim::UserProcess;
+using ntsim::World;
+
+constexpr auto kReadWait = std::chrono::milliseconds(200);
+constexpr auto kRequestWait = std::chrono::seconds(5);
+
+std::string Status(NTSTATUS status) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(status));
+  return text;
+}
+
+std::u16string Utf16(const std::string& text) {
+  std::u16string out;
+  for (size_t i = 0; i < text.size();) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    uint32_t code = c;
+    size_t extra = c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : c >= 0xC0 ? 1 : 0;
+    if (extra) code = c & (0x3F >> extra);
+    for (size_t k = 1; k <= extra && i + k < text.size(); ++k) code = (code << 6) | (text[i + k] & 0x3F);
+    i += extra + 1;
+    if (code >= 0x10000) {
+      code -= 0x10000;
+      out.push_back(static_cast<char16_t>(0xD800 + (code >> 10)));
+      out.push_back(static_cast<char16_t>(0xDC00 + (code & 0x3FF)));
+    } else {
+      out.push_back(static_cast<char16_t>(code));
+    }
+  }
+  return out;
+}
+
+// Windows spelling to the kernel's: "C:\x" -> "\??\C:\x", "\\server\share" -> "\??\UNC\server\share";
+// a path that already starts with one backslash is the kernel's own.
+std::u16string NtPath(const std::string& path) {
+  std::u16string text = Utf16(path);
+  if (text.rfind(u"\\\\", 0) == 0) return u"\\??\\UNC\\" + text.substr(2);
+  if (text.size() >= 2 && text[1] == u':') return u"\\??\\" + text;
+  return text;
+}
+
+std::string ImageName(const std::string& path) {
+  size_t slash = path.find_last_of("\\/");
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool IsNumberField(const Json& value) {
+  return value.is_number_unsigned() || (value.is_string() && value.get<std::string>().rfind("0x", 0) == 0);
+}
+
+uint32_t PacketTypeOf(const Json& value) {
+  if (value.is_string()) {
+    std::string text = value.get<std::string>();
+    if (text == "event") return SKPT_EVENT;
+    if (text == "control") return SKPT_CONTROL;
+  }
+  return static_cast<uint32_t>(Number(Json{{"v", value}}, "v"));
+}
+
+uint32_t EndpointOf(const Json& value) {
+  if (value.is_string()) {
+    std::string text = value.get<std::string>();
+    if (text == "sentrel") return SKT_SENTREL;
+    if (text == "consumer") return SKT_CONSUMER;
+    if (text == "producers") return SKT_PRODUCERS;
+    if (text == "producer") return SKT_PRODUCER;
+  }
+  return static_cast<uint32_t>(Number(Json{{"v", value}}, "v"));
+}
+
+uint32_t EventTypeOf(const Json& value) {
+  if (value.is_string() && value.get<std::string>().rfind("ET_", 0) == 0) {
+    for (uint32_t type = 0; type < SK_EVENT_TYPE_COUNT; ++type) {
+      if (value.get<std::string>() == sk_EventTypeName(type)) return type;
+    }
+  }
+  return static_cast<uint32_t>(Number(Json{{"v", value}}, "v"));
+}
+
+class Runner {
+ public:
+  Runner(std::ostream& output, const RunOptions& options) : out_(output), options_(options) {}
+
+  int Run(const std::vector<Op>& ops) {
+    World::Options machine;
+    if (!ops.empty() && ops.front().name == "machine") {
+      machine.machine.processors = static_cast<int>(Number(ops.front().fields, "cpus", 4));
+      machine.machine.windowsMajor = static_cast<int>(Number(ops.front().fields, "windows", 10));
+    }
+    world_ = std::make_unique<World>(machine);
+    for (const Op& op : ops) {
+      if (op.name == "machine") continue;
+      Perform(op);
+      Flush();
+    }
+    Finish();
+    return refused_ == 0 && verdict_.Clean() ? 0 : 1;
+  }
+
+ private:
+  struct Client {
+    UserProcess* process = nullptr;
+    HANDLE handle = nullptr;  // overlapped, on \\.\Sentrel
+  };
+  struct PendingRead {
+    uint32_t pid;
+    std::shared_ptr<ntsim::PendingIo> io;
+    std::shared_ptr<std::vector<uint8_t>> buffer;
+  };
+
+  void Emit(const Json& line) { out_ << line.dump() << '\n'; }
+  void Reply(const Op& op, Json reply) {
+    Json line = {{"reply", op.name}};
+    for (auto& [key, value] : reply.items()) line[key] = value;
+    Emit(line);
+  }
+  void Refuse(const Op& op, const std::string& why) {
+    ++refused_;
+    Reply(op, {{"line", op.line}, {"refused", why}});
+  }
+
+  UserProcess* FindProcess(uint64_t pid) {
+    auto it = processes_.find(pid);
+    return it == processes_.end() || it->second->Exited() ? nullptr : it->second;
+  }
+  UserProcess& StartProcess(uint64_t pid, const std::string& image, uint64_t ppid = 4) {
+    ntsim::ProcessSpec spec;
+    spec.pid = pid;
+    spec.parentPid = ppid;
+    spec.imagePath = NtPath(image);
+    spec.commandLine = Utf16("\"" + image + "\"");
+    UserProcess& process = world_->CreateProcess(spec);
+    processes_[pid] = &process;
+    return process;
+  }
+  // The process's handle on the device, opened on first use.
+  Client* ClientOf(const Op& op, uint64_t pid) {
+    UserProcess* process = FindProcess(pid);
+    if (!process) {
+      Refuse(op, "process " + std::to_string(pid) + " is not running");
+      return nullptr;
+    }
+    Client& client = clients_[pid];
+    client.process = process;
+    if (!client.handle) {
+      NTSTATUS status = process->CreateFile(u"\\\\.\\Sentrel", GENERIC_READ | GENERIC_WRITE, &client.handle, true);
+      if (!NT_SUCCESS(status)) {
+        client.handle = nullptr;
+        Refuse(op, "\\\\.\\Sentrel cannot be opened: " + Status(status));
+        return nullptr;
+      }
+    }
+    return &client;
+  }
+  bool NeedDriver(const Op& op) {
+    if (world_->DriverLoaded()) return true;
+    Refuse(op, "the driver is not loaded");
+    return false;
+  }
+  IoResult Control(Client& client, ULONG code, const std::vector<uint8_t>& in, std::vector<uint8_t>* output) {
+    auto io = client.process->DeviceIoControlOverlapped(client.handle, code, in.empty() ? nullptr : in.data(),
+                                                        static_cast<ULONG>(in.size()),
+                                                        output->empty() ? nullptr : output->data(),
+                                                        static_cast<ULONG>(output->size()));
+    if (!io->Wait(kRequestWait)) return IoResult{STATUS_PENDING, 0};
+    return io->Result();
+  }
+  IoResult Write(Client& client, const std::vector<uint8_t>& bytes) {
+    auto io = client.process->WriteFileOverlapped(client.handle, bytes.data(), static_cast<ULONG>(bytes.size()));
+    if (!io->Wait(kRequestWait)) return IoResult{STATUS_PENDING, 0};
+    return io->Result();
+  }
+  Json Registration(const Op& op, Client& client, ULONG code) {
+    std::vector<uint8_t> answer(sizeof(SENTREL_AUTH_COMMUID));
+    IoResult result = Control(client, code, {}, &answer);
+    if (result.status != STATUS_SUCCESS) ++refused_;
+    Json reply = {{"pid", op.fields["pid"]}, {"status", Status(result.status)}, {"info", result.information}};
+    if (result.status == STATUS_SUCCESS) reply["commu_id"] = sentrel_sdk::Hex(answer.data() + 8, 16);
+    return reply;
+  }
+
+  void Perform(const Op& op) {
+    const Json& f = op.fields;
+    const std::string& name = op.name;
+    if (name == "volume") {
+      std::string letter = Text(f, "letter");
+      world_->AddVolume(Utf16(Text(f, "device")), letter.empty() ? 0 : static_cast<char16_t>(letter[0]));
+      Reply(op, {{"device", f["device"]}});
+    } else if (name == "load") {
+      NTSTATUS status = world_->LoadDriver();
+      Reply(op, {{"status", Status(status)}});
+      if (!NT_SUCCESS(status)) ++refused_;
+    } else if (name == "unload") {
+      if (!NeedDriver(op)) return;
+      StopConsumer();
+      CloseHandles();
+      verdict_ = world_->UnloadDriver();
+      Reply(op, {{"clean", verdict_.Clean()}, {"findings", Findings(verdict_)}});
+    } else if (name == "shutdown") {
+      world_->Shutdown();
+      Reply(op, Json::object());
+    } else if (name == "reboot" || name == "crash") {
+      StopConsumer();
+      ForgetProcesses();
+      if (name == "reboot") world_->Reboot();
+      else world_->Crash();
+      Reply(op, Json::object());
+    } else if (name == "registry") {
+      Registry(op);
+    } else if (name == "process") {
+      Process(op);
+    } else if (name == "image") {
+      UserProcess* process = FindProcess(Number(f, "pid"));
+      if (!process) return Refuse(op, "process " + std::to_string(Number(f, "pid")) + " is not running");
+      uint64_t base = world_->MapImage(*process, NtPath(Text(f, "path")), Number(f, "base"), Number(f, "size"));
+      images_[{Number(f, "pid"), ImageName(Text(f, "path"))}] = base;
+      Json reply = {{"pid", f["pid"]}, {"base", HexNumber(base)}};
+      NotSimulated(f, {"machine", "dll"}, &reply);
+      Reply(op, reply);
+    } else if (name == "thread") {
+      Thread(op);
+    } else if (name == "driver") {
+      uint64_t base = world_->LoadKernelImage(NtPath(Text(f, "path")));
+      Reply(op, {{"path", f["path"]}, {"base", HexNumber(base)}});
+    } else if (name == "exit") {
+      uint64_t pid = Number(f, "pid");
+      UserProcess* process = FindProcess(pid);
+      if (!process) return Refuse(op, "process " + std::to_string(pid) + " is not running");
+      if (consumer_ && consumer_->process == process) StopConsumer();
+      clients_.erase(pid);
+      world_->ExitProcess(*process);
+      Reply(op, {{"pid", pid}});
+    } else if (name == "consumer") {
+      Consumer(op);
+    } else if (name == "mask") {
+      if (!consumer_) return Refuse(op, "no consumer is running");
+      std::vector<uint8_t> in(8), none;
+      sk_StoreLe64(in.data(), 0, Number(f, "mask"));
+      IoResult result = Control(*consumer_, IOCTL_SK_EVENT_MASK, in, &none);
+      Reply(op, {{"status", Status(result.status)}, {"info", result.information}});
+    } else if (name == "producer") {
+      uint64_t pid = Number(f, "pid");
+      if (!NeedDriver(op)) return;
+      if (!FindProcess(pid)) StartProcess(pid, Text(f, "image", "C:\\Windows\\System32\\producer.exe"));
+      Client* client = ClientOf(op, pid);
+      if (!client) return;
+      Reply(op, Registration(op, *client, IOCTL_APP_REGISTER_PRODUCER));
+    } else if (name == "send") {
+      Send(op);
+    } else if (name == "read") {
+      if (!NeedDriver(op)) return;
+      Client* client = ClientOf(op, Number(f, "pid"));
+      if (!client) return;
+      PendingRead read{static_cast<uint32_t>(Number(f, "pid")), nullptr, std::make_shared<std::vector<uint8_t>>(65536)};
+      read.io = client->process->ReadFileOverlapped(client->handle, read.buffer->data(),
+                                                    static_cast<ULONG>(read.buffer->size()));
+      if (read.io->Wait(kReadWait)) {
+        Reply(op, ReadReply(read));
+      } else {
+        Reply(op, {{"pid", read.pid}, {"pending", true}});
+        reads_.push_back(read);
+      }
+    } else if (name == "ioctl") {
+      if (!NeedDriver(op)) return;
+      Client* client = ClientOf(op, Number(f, "pid"));
+      if (!client) return;
+      std::vector<uint8_t> in, output(Number(f, "out_len"));
+      ParseHex(Text(f, "in"), &in);
+      IoResult result = Control(*client, static_cast<ULONG>(Number(f, "code")), in, &output);
+      output.resize(result.status == STATUS_SUCCESS && result.information <= output.size() ? result.information : 0);
+      Reply(op, {{"pid", f["pid"]}, {"status", Status(result.status)}, {"info", result.information},
+                 {"out", sentrel_sdk::Hex(output.data(), output.size())}});
+    } else if (name == "write") {
+      if (!NeedDriver(op)) return;
+      Client* client = ClientOf(op, Number(f, "pid"));
+      if (!client) return;
+      std::vector<uint8_t> bytes;
+      ParseHex(Text(f, "hex"), &bytes);
+      IoResult result = Write(*client, bytes);
+      Reply(op, {{"pid", f["pid"]}, {"status", Status(result.status)}, {"info", result.information}});
+    } else if (name == "drain") {
+      size_t read = Drain();
+      Reply(op, {{"events", read}});
+    }
+  }
+
+  void Registry(const Op& op) {
+    const Json& f = op.fields;
+    static const std::map<std::string, ULONG> types = {{"REG_SZ", 1},        {"REG_EXPAND_SZ", 2},
+                                                        {"REG_BINARY", 3},    {"REG_DWORD", 4},
+                                                        {"REG_MULTI_SZ", 7}, {"REG_QWORD", 11}};
+    auto type = types.find(Text(f, "type"));
+    if (type == types.end()) return Refuse(op, "type must be one of REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD, REG_MULTI_SZ, REG_QWORD");
+    std::vector<uint8_t> data;
+    const Json& value = f["data"];
+    if (type->second == 4 || type->second == 11) {
+      if (!IsNumberField(value)) return Refuse(op, "data must be a number for " + Text(f, "type"));
+      data.resize(8);
+      sk_StoreLe64(data.data(), 0, Number(f, "data"));
+      data.resize(type->second == 4 ? 4 : 8);
+    } else if (type->second == 3) {
+      if (!value.is_string() || !ParseHex(value.get<std::string>(), &data)) return Refuse(op, "data must be hex");
+    } else {
+      std::u16string text = Utf16(value.is_string() ? value.get<std::string>() : value.dump());
+      text.push_back(0);
+      if (type->second == 7) text.push_back(0);
+      data.assign(reinterpret_cast<const uint8_t*>(text.data()),
+                  reinterpret_cast<const uint8_t*>(text.data()) + text.size() * 2);
+    }
+    NTSTATUS status = world_->SetRegistryValue(Utf16(Text(f, "key")), Utf16(Text(f, "value")), type->second,
+                                               data.data(), static_cast<ULONG>(data.size()));
+    Reply(op, {{"status", Status(status)}});
+  }
+
+  void Process(const Op& op) {
+    const Json& f = op.fields;
+    uint64_t pid = Number(f, "pid");
+    uint64_t ppid = Number(f, "ppid", 4);
+    if (FindProcess(pid)) return Refuse(op, "process " + std::to_string(pid) + " is running already");
+    if (ppid != 4 && !FindProcess(ppid)) return Refuse(op, "parent " + std::to_string(ppid) + " is not running");
+    uint64_t creator = Number(f, "creator", ppid);
+    if (creator != 4 && !FindProcess(creator)) {
+      return Refuse(op, "creator " + std::to_string(creator) + " is not running");
+    }
+    ntsim::ProcessSpec spec;
+    spec.pid = pid;
+    spec.parentPid = ppid;
+    spec.creatorPid = creator;
+    spec.imagePath = NtPath(Text(f, "image"));
+    spec.commandLine = Utf16(Text(f, "cmdline", "\"" + Text(f, "image") + "\""));
+    if (Has(f, "cwd")) spec.currentDirectory = Utf16(Text(f, "cwd"));
+    spec.sessionId = static_cast<ULONG>(Number(f, "session", 1));
+    spec.wow64 = f.contains("wow64") && f["wow64"].get<bool>();
+    UserProcess& process = world_->CreateProcess(spec);
+    processes_[pid] = &process;
+    Json reply = {{"pid", pid}, {"tid", process.InitialThreadId()}, {"status", Status(process.CreationStatus())}};
+    NotSimulated(f, {"user", "sid", "logon", "integrity"}, &reply);
+    Reply(op, reply);
+  }
+
+  void Thread(const Op& op) {
+    const Json& f = op.fields;
+    UserProcess* process = FindProcess(Number(f, "pid"));
+    if (!process) return Refuse(op, "process " + std::to_string(Number(f, "pid")) + " is not running");
+    UserProcess* creator = process;
+    if (Has(f, "by_pid")) {
+      creator = FindProcess(Number(f, "by_pid"));
+      if (!creator) return Refuse(op, "process " + std::to_string(Number(f, "by_pid")) + " is not running");
+    }
+    uint64_t start = Number(f, "start");
+    if (Has(f, "start_module")) {
+      auto image = images_.find({Number(f, "pid"), Text(f, "start_module")});
+      if (image == images_.end()) return Refuse(op, "no image " + Text(f, "start_module") + " in that process");
+      start = image->second + Number(f, "start_offset");
+    }
+    uint64_t tid = world_->StartThread(*process, creator, start);
+    Json reply = {{"pid", f["pid"]}, {"tid", tid}, {"start", HexNumber(start)}};
+    NotSimulated(f, {"tid", "by_tid"}, &reply);
+    Reply(op, reply);
+  }
+
+  void Consumer(const Op& op) {
+    const Json& f = op.fields;
+    uint64_t pid = Number(f, "pid");
+    if (!NeedDriver(op)) return;
+    if (consumer_) return Refuse(op, "a consumer is running already");
+    if (!FindProcess(pid)) StartProcess(pid, Text(f, "image", "C:\\Program Files\\Sentrel\\agent.exe"));
+    Client* client = ClientOf(op, pid);
+    if (!client) return;
+    Json reply = Registration(op, *client, IOCTL_APP_REGISTER_CONSUMER);
+    if (reply["status"] != Status(STATUS_SUCCESS)) return Reply(op, reply);
+    std::vector<uint8_t> info(RING_BUF_MAP_INFO_SIZE(64));
+    IoResult mapped = Control(*client, IOCTL_SK_MAP_RINGBUF, {}, &info);
+    reply["map_status"] = Status(mapped.status);
+    if (mapped.status == STATUS_SUCCESS) {
+      reader_ = sentrel_sdk::RingReader::FromMapInfo(info.data(), mapped.information);
+      if (reader_) reply["buffers"] = reader_->BufferCount();
+    } else {
+      ++refused_;
+    }
+    consumer_ = client;
+    Reply(op, reply);
+  }
+
+  void Send(const Op& op) {
+    const Json& f = op.fields;
+    const Json& packet = f["packet"];
+    if (!NeedDriver(op)) return;
+    Client* client = ClientOf(op, Number(f, "pid"));
+    if (!client) return;
+    uint32_t type = PacketTypeOf(packet["type"]);
+    std::vector<uint8_t> body;
+    ParseHex(Text(packet, "body"), &body);
+    // An event packet's body starts with its length and its event type, as the driver's own do.
+    if (Has(packet, "event_type")) {
+      std::vector<uint8_t> head(8);
+      sk_StoreLe32(head.data(), 0, static_cast<uint32_t>(body.size() + 8));
+      sk_StoreLe32(head.data(), 4, EventTypeOf(packet["event_type"]));
+      body.insert(body.begin(), head.begin(), head.end());
+    }
+    std::vector<uint8_t> bytes(SK_PACKET_HEADER_SIZE + body.size());
+    sk_PacketInit(bytes.data(), type, SKT_PRODUCER, static_cast<uint32_t>(Number(f, "pid")), EndpointOf(packet["dst"]),
+                  static_cast<uint32_t>(Number(packet, "dst_pid")), static_cast<uint32_t>(body.size()));
+    std::copy(body.begin(), body.end(), bytes.begin() + SK_PACKET_HEADER_SIZE);
+    IoResult result = Write(*client, bytes);
+    // An event for the consumer that the ring buffers did not take (full, or stopped).
+    if (type == SKPT_EVENT && EndpointOf(packet["dst"]) == SKT_CONSUMER && result.status != STATUS_SUCCESS) {
+      ++ringRefused_;
+    }
+    Reply(op, {{"pid", f["pid"]}, {"status", Status(result.status)}, {"info", result.information}});
+  }
+
+  Json ReadReply(const PendingRead& read) {
+    IoResult result = read.io->Result();
+    Json reply = {{"pid", read.pid}, {"status", Status(result.status)}, {"info", result.information}};
+    if (result.status == STATUS_SUCCESS && result.information >= SK_PACKET_HEADER_SIZE) {
+      const uint8_t* bytes = read.buffer->data();
+      reply["packet"] = {{"type", sk_LoadLe32(bytes, SK_OFFSETOF(SK_PACKET, PacketType))},
+                         {"dst", sk_LoadLe32(bytes, SK_OFFSETOF(SK_PACKET, DstType))},
+                         {"src_pid", sk_LoadLe32(bytes, SK_OFFSETOF(SK_PACKET, SrcPid))},
+                         {"body", sentrel_sdk::Hex(bytes + SK_PACKET_HEADER_SIZE, result.information - SK_PACKET_HEADER_SIZE)}};
+    }
+    return reply;
+  }
+
+  // Replies for reads that were waiting and have ended since.
+  void LateReads() {
+    for (auto it = reads_.begin(); it != reads_.end();) {
+      if (!it->io->Completed()) {
+        ++it;
+        continue;
+      }
+      Json line = {{"reply", "read"}};
+      Json reply = ReadReply(*it);
+      for (auto& [key, value] : reply.items()) line[key] = value;
+      line["late"] = true;
+      Emit(line);
+      it = reads_.erase(it);
+    }
+  }
+
+  size_t Drain() {
+    if (!reader_) return 0;
+    size_t total = 0;
+    for (;;) {
+      size_t read = reader_->DrainAll([&](const sentrel_sdk::RingRecord& record) {
+        Json decoded = sentrel_sdk::DecodeEvent(record.data, record.length);
+        Json line = {{"event", decoded["event"]}, {"cpu", record.buffer}};
+        for (auto& [key, value] : decoded.items()) {
+          if (key != "event") line[key] = value;
+        }
+        std::string type = decoded["event"].is_string() ? decoded["event"].get<std::string>() : "malformed";
+        events_[type] = events_.contains(type) ? events_[type].get<uint64_t>() + 1 : 1;
+        Emit(line);
+      });
+      total += read;
+      if (read == 0) return total;
+    }
+  }
+
+  // After every op: the consumer drains what was written, waiting reads that ended answer, and
+  // the driver's new log lines follow.
+  void Flush() {
+    if (options_.log) {
+      std::vector<std::string> lines = world_->debug().Lines();
+      for (size_t i = logLines_; i < lines.size(); ++i) Emit({{"log", lines[i]}});
+      logLines_ = lines.size();
+    }
+    LateReads();
+    Drain();
+  }
+
+  void StopConsumer() {
+    Drain();
+    if (reader_) {
+      const sentrel_sdk::RingReaderCounts& counts = reader_->Counts();
+      malformed_ += counts.malformed;
+    }
+    reader_.reset();
+    consumer_ = nullptr;
+  }
+
+  void CloseHandles() {
+    for (PendingRead& read : reads_) {
+      Client& client = clients_[read.pid];
+      if (client.process && !client.process->Exited()) client.process->CancelIoEx(client.handle);
+    }
+    LateReads();
+    for (auto& [pid, client] : clients_) {
+      if (client.handle && !client.process->Exited()) client.process->CloseHandle(client.handle);
+    }
+    clients_.clear();
+  }
+
+  void ForgetProcesses() {
+    reads_.clear();
+    clients_.clear();
+    processes_.clear();
+    images_.clear();
+  }
+
+  void NotSimulated(const Json& f, std::initializer_list<const char*> fields, Json* reply) {
+    Json names = Json::array();
+    for (const char* field : fields) {
+      if (f.contains(field)) names.push_back(field);
+    }
+    if (!names.empty()) (*reply)["not_simulated"] = names;
+  }
+
+  static std::string HexNumber(uint64_t value) {
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
+    return text;
+  }
+
+  static Json Findings(const ntsim::Verdict& verdict) {
+    Json findings = Json::array();
+    for (const ntsim::Finding& finding : verdict.findings) {
+      findings.push_back({{"what", finding.call}, {"detail", finding.what}});
+    }
+    return findings;
+  }
+
+  // The machine winds down: every process the scenario started ends (the consumer last), then the
+  // driver unloads and the verifier gives its verdict.
+  void Finish() {
+    if (world_->DriverLoaded()) {
+      StopConsumer();
+      CloseHandles();
+      for (auto& [pid, process] : processes_) {
+        if (!process->Exited()) world_->ExitProcess(*process);
+      }
+      verdict_ = world_->UnloadDriver();
+    } else if (!verdict_.Clean() || world_->LastVerdict().findings.size()) {
+      verdict_ = world_->LastVerdict();
+    }
+    Flush();
+    Json events = Json::object();
+    for (auto& [type, count] : events_.items()) events[type] = count;
+    Emit({{"summary",
+           {{"events", events},
+            {"ring", {{"refused", ringRefused_}, {"malformed", malformed_}}},
+            {"refused_ops", refused_},
+            {"verdict", {{"clean", verdict_.Clean()}, {"findings", Findings(verdict_)}}}}}});
+  }
+
+  std::ostream& out_;
+  RunOptions options_;
+  std::unique_ptr<World> world_;
+  std::map<uint64_t, UserProcess*> processes_;
+  std::map<uint64_t, Client> clients_;
+  std::map<std::pair<uint64_t, std::string>, uint64_t> images_;
+  std::vector<PendingRead> reads_;
+  Client* consumer_ = nullptr;
+  std::optional<sentrel_sdk::RingReader> reader_;
+  Json events_ = Json::object();
+  uint64_t ringRefused_ = 0;
+  uint64_t malformed_ = 0;
+  size_t logLines_ = 0;
+  int refused_ = 0;
+  ntsim::Verdict verdict_;
+};
+
+}  // namespace
+
+int RunScenario(std::istream& scenario, std::ostream& output, const RunOptions& options) {
+  std::vector<Op> ops;
+  ScenarioError error;
+  if (!ParseScenario(scenario, &ops, &error)) {
+    Json line = {{"error", {{"line", error.line}, {"field", error.field}, {"message", error.message}}}};
+    output << line.dump() << '\n';
+    return 2;
+  }
+  Runner runner(output, options);
+  return runner.Run(ops);
+}
+
+}  // namespace sentrel_sim

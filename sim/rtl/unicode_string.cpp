@@ -115,6 +115,25 @@ BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING S
   return RtlCompareUnicodeString(String1, String2, CaseInSensitive) == 0;
 }
 
+// Callable up to APC_LEVEL; a null string or result, or an algorithm other than the default and
+// X65599 (which are the same today), is STATUS_INVALID_PARAMETER.
+NTSTATUS NTAPI RtlHashUnicodeString(PCUNICODE_STRING String, BOOLEAN CaseInSensitive, ULONG HashAlgorithm,
+                                    PULONG HashValue) {
+  if (KeGetCurrentIrql() > APC_LEVEL) ntsim::K().verifier.Violation("RtlHashUnicodeString", "called above APC_LEVEL");
+  if (!String || !HashValue) return STATUS_INVALID_PARAMETER;
+  if (HashAlgorithm != HASH_STRING_ALGORITHM_DEFAULT && HashAlgorithm != HASH_STRING_ALGORITHM_X65599) {
+    return STATUS_INVALID_PARAMETER;
+  }
+  ULONG hash = 0;
+  size_t chars = String->Length / sizeof(WCHAR);
+  for (size_t i = 0; i < chars; ++i) {
+    WCHAR c = String->Buffer[i];
+    hash = hash * 65599u + (CaseInSensitive ? RtlUpcaseUnicodeChar(c) : c);
+  }
+  *HashValue = hash;
+  return STATUS_SUCCESS;
+}
+
 BOOLEAN NTAPI RtlPrefixUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2, BOOLEAN CaseInSensitive) {
   if (String1->Length > String2->Length) return FALSE;
   UNICODE_STRING head = *String2;

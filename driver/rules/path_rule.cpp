@@ -38,7 +38,7 @@ static PPATH_RULE_NODE skt_FindChild(const PathRuleMgr *Rules, PLIST_ENTRY Paren
   for (slot = skt_IndexSlotOf(Rules, Parent, Hash);; slot = (slot + 1) & (Rules->IndexCapacity - 1)) {
     child = Rules->Index[slot].Child;
     if (!child) return NULL;
-    if (Rules->Index[slot].Parent != Parent || child->Hash != Hash) continue;
+    if (Rules->Index[slot].Parent != Parent || child->Hash != Hash || child->Length != Component->Length) continue;
     text.Length = text.MaximumLength = child->Length;
     text.Buffer = child->Component;
     if (RtlEqualUnicodeString(&text, Component, TRUE)) return child;

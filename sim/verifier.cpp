@@ -1,5 +1,6 @@
 #include "verifier.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -42,8 +43,14 @@ void Verifier::FailNth(uint64_t n) {
   injected_ = false;
 }
 
-bool Verifier::ShouldFail(const char* call) {
+void Verifier::ExemptTags(std::vector<uint32_t> tags) {
   std::lock_guard<std::mutex> lock(mutex_);
+  exemptTags_ = std::move(tags);
+}
+
+bool Verifier::ShouldFail(const char* call, uint32_t poolTag) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (poolTag != 0 && std::find(exemptTags_.begin(), exemptTags_.end(), poolTag) != exemptTags_.end()) return false;
   ++points_;
   if (failAt_ != 0 && points_ == failAt_) {
     injected_ = true;

@@ -166,6 +166,16 @@ World::~World() {
   CloseImage();
 }
 
+const char16_t* World::LoggedOnUserSid() { return u"S-1-5-21-3623811015-3361044348-30300820-1013"; }
+
+void World::LoadUserHive(const std::u16string& sid) {
+  Registry& cm = kernel_->cm;
+  std::u16string hive = u"\\REGISTRY\\USER\\" + sid;
+  cm.CreatePath(hive + u"\\Software\\Microsoft\\Windows\\CurrentVersion\\Run");
+  cm.CreatePath(hive + u"\\Control Panel\\Desktop");
+  cm.CreatePath(hive + u"_Classes\\CLSID");
+}
+
 const char16_t* World::ServiceKeyPath() { return u"\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001\\Services\\Sentrel"; }
 
 void World::Boot() {
@@ -186,7 +196,12 @@ void World::Boot() {
     cm.SetValueDirect(service, u"ImagePath", REG_EXPAND_SZ, image.c_str(), (image.size() + 1) * 2);
     cm.MakeLink(u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet", u"\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001");
     cm.CreatePath(u"\\REGISTRY\\MACHINE\\SOFTWARE");
-    cm.CreatePath(u"\\REGISTRY\\USER");
+    // The hives a machine with one logged-on user has loaded: the default user, the three service
+    // accounts, and the user's own hive with its classes hive.
+    for (const char16_t* sid : {u".DEFAULT", u"S-1-5-18", u"S-1-5-19", u"S-1-5-20"}) {
+      cm.CreatePath(std::u16string(u"\\REGISTRY\\USER\\") + sid);
+    }
+    LoadUserHive(LoggedOnUserSid());
   }
   if (!files_) {
     files_ = std::make_shared<FileStore>();

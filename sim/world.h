@@ -127,6 +127,11 @@ class World {
 
   // The service key the driver is loaded with, as the I/O manager names it.
   static const char16_t* ServiceKeyPath();
+  // The machine boots with the user hives \REGISTRY\USER\.DEFAULT, S-1-5-18, S-1-5-19, S-1-5-20
+  // and those of one logged-on user: <sid> and <sid>_Classes, with this SID.
+  static const char16_t* LoggedOnUserSid();
+  // Another user logs on: their hive and classes hive are loaded under \REGISTRY\USER.
+  void LoadUserHive(const std::u16string& sid);
 
   // DriverEntry's status. A failed entry leaves no driver; LastVerdict() tells what it left behind.
   NTSTATUS LoadDriver();

@@ -8,6 +8,7 @@
 #include "core/debug_log.h"
 #include "core/record_tags.h"
 #include "core/sentrel_data.h"
+#include "rules/rule_sets.h"
 #include "sentrel/control_codes.h"
 #include "sentrel/packet.h"
 
@@ -161,9 +162,8 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   UNREFERENCED_PARAMETER(DeviceObject);
   SK_ENTER();
   switch (code) {
-    // The producer-driver table, the kernel interface, the white rule set and the process
-    // descriptions are not built yet: after this routine's own checks, these codes answer
-    // STATUS_NOT_IMPLEMENTED until they are.
+    // The producer-driver table, the kernel interface and the process descriptions are not built
+    // yet: after this routine's own checks, these codes answer STATUS_NOT_IMPLEMENTED until they are.
     case IOCTL_SK_REGISTER_PRODUCER:
       SK_INFO("IOCTL_SK_REGISTER_PRODUCER\n");
       if (sk_RefuseUserMode(&status)) break;
@@ -201,7 +201,9 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
       SK_INFO("IOCTL_SK_ADD_WHITE_RULE\n");
       if (sk_RefuseNonConsumer(&status, &information)) break;
       if (!Irp->MdlAddress || inputLength == 0) {
-        status = STATUS_NOT_IMPLEMENTED;  // deleting all white rules comes with the white rule set
+        sk_DelAllWhiteRule();
+        SK_ERROR("Del All White Rule\n");
+        status = STATUS_SUCCESS;
         break;
       }
       if (inputLength <= 12) {
@@ -215,7 +217,7 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         status = STATUS_INSUFFICIENT_RESOURCES;
         break;
       }
-      status = STATUS_NOT_IMPLEMENTED;  // adding the records comes with the white rule set
+      status = sk_AddWhiteRuleFunction_Ioctl(mapped, inputLength);
       break;
     case IOCTL_SK_QUERY_PACKCOMINFO:
       SK_INFO("IOCTL_SK_QUERY_PACKCOMINFO\n");

@@ -22,3 +22,6 @@
 #define SK_TAG_MSG_COPY 'mfTg'          // "gTfm": private copies of queued packets
 #define SK_TAG_MSG_QUEUE_TABLE 'pqtG'   // "Gtqp": the message-queue table's nodes
 #define SK_TAG_BROADCAST_COPY 'pKtG'    // "GtKp": a broadcast packet's copy for one queue
+#define SK_TAG_PATH_RULE_NODE 'preT'    // "Terp": rule tries' nodes with their component text
+#define SK_TAG_RULE_INDEX 'ireT'        // "Teri": rule tries' child indexes
+#define SK_TAG_USER_HIVE_INFO 'blRl'    // "lRlb": the key-information buffer of the user-hive walk

@@ -9,24 +9,29 @@
 #include "monitor/image_record.h"
 #include "names/path_convert.h"
 #include "names/string_block.h"
+#include "rules/rule_sets.h"
 
 #define SK_MODULE SK_TRACE_CORE
 
 SENTREL_DATA SentrelData;
 
-// The managers, in start-up order; they stop in the reverse order. Each later manager takes its
-// place here as it lands (the stack hook before the path cache; black and white rule sets and the
-// logon table before the DOS names; then images, processes and the package cache before the
-// message queues; the producer interface last).
+// The managers, in start-up order; they stop in the reverse order, except that a manager marked
+// StopsAfterPrevious stops right after the one started before it (the white rule set after the
+// black one). Each later manager takes its place here as it lands (the stack hook before the path
+// cache; the logon table before the DOS names; then images, processes and the package cache before
+// the message queues; the producer interface last).
 typedef struct _SK_MANAGER {
   const char *StartName;
   NTSTATUS (*Start)(void);
   const char *StopName;
   NTSTATUS (*Stop)(void);
+  BOOLEAN StopsAfterPrevious;
 } SK_MANAGER;
 
 static NTSTATUS sk_StartPathMgr(void) { return sk_InitPathMgr(&SentrelData.PathMgr); }
 static NTSTATUS sk_StopPathMgr(void) { return sk_UninitPathMgr(&SentrelData.PathMgr); }
+static NTSTATUS sk_StopBlackRuleMgr(void) { return sk_UninitBlackRuleMgr(&SentrelData.BlackRuleMgr); }
+static NTSTATUS sk_StopWhiteRuleMgr(void) { return sk_UninitWhiteRuleMgr(&SentrelData.WhiteRuleMgr); }
 static NTSTATUS sk_StartDosNameMgr(void) { return sk_InitDosNameMgr(&SentrelData.DosNameMgr); }
 static NTSTATUS sk_StopDosNameMgr(void) { return sk_UninitDosNameMgr(&SentrelData.DosNameMgr); }
 
@@ -37,16 +42,18 @@ static NTSTATUS sk_StartRingBuf(void) { return rb_InitRingBuf(&SentrelData.RingB
 static NTSTATUS sk_StopRingBuf(void) { return rb_UnInitRingBuf(&SentrelData.RingBuf); }
 
 static const SK_MANAGER SkManagers[] = {
-    {"sk_InitCallbackPlus", sk_InitCallbackPlus, "sk_UninitCallbackPlus", sk_UninitCallbackPlus},
-    {"rb_InitRingBuf", sk_StartRingBuf, "rb_UnInitRingBuf", sk_StopRingBuf},
-    {"sk_InitCommuncation", sk_InitCommuncation, "sk_UninitCommuncation", sk_UninitCommuncation},
+    {"sk_InitCallbackPlus", sk_InitCallbackPlus, "sk_UninitCallbackPlus", sk_UninitCallbackPlus, FALSE},
+    {"rb_InitRingBuf", sk_StartRingBuf, "rb_UnInitRingBuf", sk_StopRingBuf, FALSE},
+    {"sk_InitCommuncation", sk_InitCommuncation, "sk_UninitCommuncation", sk_UninitCommuncation, FALSE},
     // The stack hook comes here, before the path cache.
-    {"sk_InitPathMgr", sk_StartPathMgr, "sk_UninitPathMgr", sk_StopPathMgr},
-    // The black and white rule sets and the logon table come here, before the DOS names.
-    {"sk_InitDosNameMgr", sk_StartDosNameMgr, "sk_UninitDosNameMgr", sk_StopDosNameMgr},
+    {"sk_InitPathMgr", sk_StartPathMgr, "sk_UninitPathMgr", sk_StopPathMgr, FALSE},
+    {"sk_InitBlackRuleMgr", sk_InitBlackRuleMgr, "sk_UninitBlackRuleMgr", sk_StopBlackRuleMgr, FALSE},
+    {"sk_InitWhiteRuleMgr", sk_InitWhiteRuleMgr, "sk_UninitWhiteRuleMgr", sk_StopWhiteRuleMgr, TRUE},
+    // The logon table comes here, before the DOS names.
+    {"sk_InitDosNameMgr", sk_StartDosNameMgr, "sk_UninitDosNameMgr", sk_StopDosNameMgr, FALSE},
     // Images, processes and the package cache come here, before the message queues.
-    {"sk_InitProcMsgMgr", sk_StartProcMsgMgr, "sk_UninitProcMsgMgr", sk_StopProcMsgMgr},
-    {NULL, NULL, NULL, NULL},  // end of the table
+    {"sk_InitProcMsgMgr", sk_StartProcMsgMgr, "sk_UninitProcMsgMgr", sk_StopProcMsgMgr, FALSE},
+    {NULL, NULL, NULL, NULL, FALSE},  // end of the table
 };
 
 
@@ -168,12 +175,22 @@ NTSTATUS sk_UninitSentrelData(void) {
 
   // The first stop that fails ends the shut-down: the managers after it in stop order keep running.
   while (SkManagers[i].Stop) ++i;
-  for (; i > 0; --i) {
-    status = SkManagers[i - 1].Stop();
-    if (!NT_SUCCESS(status)) {
-      SK_ERROR("%s fail Status:%08lx\n", SkManagers[i - 1].StopName, status);
-      goto Exit;
+  while (i > 0) {
+    ULONG first = i - 1;  // the first of the pair (or the one manager) stopped in this round
+    ULONG count = 1;
+    ULONG k;
+    if (first > 0 && SkManagers[first].StopsAfterPrevious) {
+      --first;
+      count = 2;
     }
+    for (k = 0; k < count; ++k) {
+      status = SkManagers[first + k].Stop();
+      if (!NT_SUCCESS(status)) {
+        SK_ERROR("%s fail Status:%08lx\n", SkManagers[first + k].StopName, status);
+        goto Exit;
+      }
+    }
+    i = first;
   }
 
   sk_ReleaseSentrelData();

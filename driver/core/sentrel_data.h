@@ -9,6 +9,7 @@
 #include "core/optional_routines.h"
 #include "names/dos_name.h"
 #include "names/path_cache.h"
+#include "rules/rule_mgr.h"
 
 typedef struct _SENTREL_DATA {
   USHORT Tag;  // SK_RECORD_SENTREL_DATA
@@ -42,14 +43,18 @@ typedef struct _SENTREL_DATA {
   // The process and image tables join here as they land.
   SK_PROC_MSG_MGR ProcMsgMgr;
   SK_DOS_NAME_MGR DosNameMgr;
-  // The stack hook, logon table, white and black rule sets and package cache join here, in this
-  // order, as each lands.
+  // The stack hook and the logon table join here, in this order, as each lands.
+  RuleMgr WhiteRuleMgr;
+  RuleMgr BlackRuleMgr;
+  // The package cache joins here.
   SK_RING_BUF RingBuf;
   PSK_SE_LOCATE_PROCESS_IMAGE_NAME SeLocateProcessImageName;
   PSK_PS_REFERENCE_PROCESS_FILE_POINTER PsReferenceProcessFilePointer;
   PSK_PS_ACQUIRE_PROCESS_EXIT_SYNCHRONIZATION PsAcquireProcessExitSynchronization;
   PSK_PS_RELEASE_PROCESS_EXIT_SYNCHRONIZATION PsReleaseProcessExitSynchronization;
 } SENTREL_DATA, *PSENTREL_DATA;
+
+static_assert(sizeof(SENTREL_DATA) <= 0xFFFF, "the record's size fits its 16-bit Size");
 
 // The device's extension: the queue of read requests waiting for a packet.
 typedef struct _SK_DEVICE_EXTENSION {

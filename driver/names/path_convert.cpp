@@ -22,10 +22,6 @@
 #define SK_DEVICE_PREFIX L"\\Device\\"
 #define SK_DEVICE_PREFIX_CHARS 8
 
-// A counted string over a literal (the DDK's own macro does not cast away the literal's const).
-#define SK_CONSTANT_STRING(s) \
-  { sizeof(s) - sizeof((s)[0]), sizeof(s), (PWSTR)(s) }
-
 static const UNICODE_STRING SkMupPrefix = SK_CONSTANT_STRING(L"\\Device\\Mup");
 static const UNICODE_STRING SkSystemRootPrefix = SK_CONSTANT_STRING(L"\\SystemRoot");
 static const UNICODE_STRING SkWindowsPrefix = SK_CONSTANT_STRING(L"\\Windows");

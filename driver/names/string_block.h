@@ -5,6 +5,10 @@
 
 #include "platform/nt.h"
 
+// A counted string over a literal (the DDK's own macro does not cast away the literal's const).
+#define SK_CONSTANT_STRING(s) \
+  { sizeof(s) - sizeof((s)[0]), sizeof(s), (PWSTR)(s) }
+
 // A zero-filled block with room for Capacity bytes of characters (Capacity + the header's 16
 // bytes in all), empty, or null. The pool type is ignored: string blocks are always paged.
 PUNICODE_STRING skt_AllocateUnicodeStringSelf(POOL_TYPE PoolType, ULONG Capacity);

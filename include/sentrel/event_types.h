@@ -44,18 +44,32 @@ SK_STATIC_ASSERT(SK_EVENT_MASK_BIT(ET_REMOTE_THREAD_CREATE) == 0x2, "remote thre
 SK_STATIC_ASSERT(SK_EVENT_MASK_BIT(ET_IMAGE_LOAD) == 0x10, "image load bit");
 SK_STATIC_ASSERT(SK_EVENT_MASK_BIT(ET_DRIVER_LOAD) == 0x20, "driver load bit");
 
+// Every named event type in value order, for tables that must follow the enumeration: X(name) is
+// expanded once per type.
+#define SK_FOR_EACH_EVENT_TYPE(X)                                                                     \
+  X(ET_PROCESS_CREATE) X(ET_REMOTE_THREAD_CREATE) X(ET_PROCESS_ACCESS) X(ET_DISK_RAW_ACCESS)          \
+  X(ET_IMAGE_LOAD) X(ET_DRIVER_LOAD) X(ET_FILE_CREATE) X(ET_NET_CONNECT) X(ET_NET_LISTEN)            \
+  X(ET_NET_ACCEPT) X(ET_REGISTRY_KEY_CREATE) X(ET_REGISTRY_KEY_MODIFY) X(ET_REGISTRY_VALUE_CREATE)  \
+  X(ET_REGISTRY_VALUE_MODIFY) X(ET_NAMED_PIPE_CREATE) X(ET_NAMED_PIPE_CONNECT) X(ET_NET_DNS)        \
+  X(ET_SERVICE_CREATE) X(ET_SCRIPT_EXECUTE)
+
+// The list holds every named type once, each at the position of its value.
+static inline void sk_EventTypeListCheck(void) {
+#define SK_EVENT_TYPE_POSITION(Name) SK_POSITION_OF_##Name,
+#define SK_EVENT_TYPE_IN_PLACE(Name) &&SK_POSITION_OF_##Name == (Name)
+  enum { SK_FOR_EACH_EVENT_TYPE(SK_EVENT_TYPE_POSITION) SK_POSITION_END };
+  SK_STATIC_ASSERT(SK_POSITION_END == SK_EVENT_TYPE_COUNT, "every named event type is listed once");
+  SK_STATIC_ASSERT(1 SK_FOR_EACH_EVENT_TYPE(SK_EVENT_TYPE_IN_PLACE), "the list is in value order");
+#undef SK_EVENT_TYPE_POSITION
+#undef SK_EVENT_TYPE_IN_PLACE
+}
+
 // The name of an event type ("ET_IMAGE_LOAD"); "" for SK_EVENT_TYPE_COUNT, the unnamed slot; null
 // for a value that is no event type. The names are constant data: any IRQL, any mode.
 static inline const char* sk_EventTypeName(SK_UINT32 EventType) {
-  static const char* const Names[SK_EVENT_TYPE_SLOTS] = {
-      "ET_PROCESS_CREATE",        "ET_REMOTE_THREAD_CREATE",  "ET_PROCESS_ACCESS",
-      "ET_DISK_RAW_ACCESS",       "ET_IMAGE_LOAD",            "ET_DRIVER_LOAD",
-      "ET_FILE_CREATE",           "ET_NET_CONNECT",           "ET_NET_LISTEN",
-      "ET_NET_ACCEPT",            "ET_REGISTRY_KEY_CREATE",   "ET_REGISTRY_KEY_MODIFY",
-      "ET_REGISTRY_VALUE_CREATE", "ET_REGISTRY_VALUE_MODIFY", "ET_NAMED_PIPE_CREATE",
-      "ET_NAMED_PIPE_CONNECT",    "ET_NET_DNS",               "ET_SERVICE_CREATE",
-      "ET_SCRIPT_EXECUTE",        "",
-  };
+#define SK_EVENT_TYPE_NAME_TEXT(Name) #Name,
+  static const char* const Names[SK_EVENT_TYPE_SLOTS] = {SK_FOR_EACH_EVENT_TYPE(SK_EVENT_TYPE_NAME_TEXT) ""};
+#undef SK_EVENT_TYPE_NAME_TEXT
   return EventType < SK_EVENT_TYPE_SLOTS ? Names[EventType] : 0;
 }
 

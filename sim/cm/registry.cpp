@@ -1,5 +1,7 @@
 #include "cm/registry.h"
 
+#include <algorithm>
+#include <chrono>
 #include <thread>
 
 #include "kernel.h"
@@ -18,6 +20,13 @@ bool QueryKeyName(void* body, std::u16string* name) {
 template <typename T>
 void Put(std::vector<uint8_t>& out, size_t offset, T value) {
   std::memcpy(out.data() + offset, &value, sizeof value);
+}
+
+// Now as system time: 100-ns intervals since the start of 1601.
+int64_t SystemTimeNow() {
+  constexpr int64_t kUnixEpochAsSystemTime = 116444736000000000LL;
+  auto since = std::chrono::system_clock::now().time_since_epoch();
+  return kUnixEpochAsSystemTime + std::chrono::duration_cast<std::chrono::nanoseconds>(since).count() / 100;
 }
 
 }  // namespace
@@ -57,6 +66,7 @@ KeyNode* Registry::Walk(const std::u16string& path, bool create) {
         auto child = std::make_unique<KeyNode>();
         child->name = parts[i];
         child->parent = node;
+        child->lastWriteTime = SystemTimeNow();
         it = node->subkeys.emplace(Upcase(parts[i]), std::move(child)).first;
       }
       node = it->second.get();
@@ -86,6 +96,7 @@ void Registry::MakeLink(const std::u16string& path, const std::u16string& target
     slot = std::make_unique<KeyNode>();
     slot->name = leaf;
     slot->parent = parent;
+    slot->lastWriteTime = SystemTimeNow();
   }
   slot->linkTarget = target;
 }
@@ -100,6 +111,7 @@ std::u16string Registry::FullName(KeyNode* node) {
 void Registry::SetValueDirect(KeyNode* node, const std::u16string& name, ULONG type, const void* data, size_t size) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   const auto* bytes = static_cast<const uint8_t*>(data);
+  node->lastWriteTime = SystemTimeNow();
   for (auto& value : node->values) {
     if (Upcase(value.name) == Upcase(name)) {
       value.type = type;
@@ -205,6 +217,86 @@ NTSTATUS Registry::QueryValue(HANDLE handle, const UNICODE_STRING* name, KEY_VAL
     }
   }
   ob_->Dereference(body);
+  *resultLength = static_cast<ULONG>(record.size());
+  if (length < fixed) return STATUS_BUFFER_TOO_SMALL;
+  if (length < record.size()) {
+    std::memcpy(buffer, record.data(), fixed);  // the fixed part only
+    return STATUS_BUFFER_OVERFLOW;
+  }
+  std::memcpy(buffer, record.data(), record.size());
+  return STATUS_SUCCESS;
+}
+
+NTSTATUS Registry::EnumerateKey(HANDLE handle, ULONG index, KEY_INFORMATION_CLASS infoClass, void* buffer,
+                                ULONG length, ULONG* resultLength) {
+  void* body = nullptr;
+  NTSTATUS status =
+      ob_->ReferenceByHandle(handle, &ob_->types.key, ExGetPreviousMode(), KEY_ENUMERATE_SUB_KEYS, &body, nullptr);
+  if (!NT_SUCCESS(status)) return status;
+  KeyNode* parent = static_cast<KeyBody*>(body)->node;
+  std::vector<uint8_t> record;
+  size_t fixed = 0;
+  status = STATUS_SUCCESS;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (infoClass != KeyBasicInformation && infoClass != KeyNodeInformation && infoClass != KeyFullInformation) {
+      status = STATUS_INVALID_PARAMETER;
+    } else if (index >= parent->subkeys.size()) {
+      status = STATUS_NO_MORE_ENTRIES;
+    } else {
+      // Subkeys are kept by upcased name: the order in which the hive lists them.
+      auto it = parent->subkeys.begin();
+      std::advance(it, index);
+      const KeyNode& key = *it->second;
+      ULONG nameBytes = static_cast<ULONG>(key.name.size() * sizeof(WCHAR));
+      switch (infoClass) {
+        case KeyBasicInformation:
+          fixed = offsetof(KEY_BASIC_INFORMATION, Name);
+          record.resize(fixed + nameBytes);
+          Put<int64_t>(record, 0, key.lastWriteTime);
+          Put<ULONG>(record, 8, 0);
+          Put<ULONG>(record, 12, nameBytes);
+          std::memcpy(record.data() + fixed, key.name.data(), nameBytes);
+          break;
+        case KeyNodeInformation:
+          // Our keys have no class: an empty class string right behind the name.
+          fixed = offsetof(KEY_NODE_INFORMATION, Name);
+          record.resize(fixed + nameBytes);
+          Put<int64_t>(record, 0, key.lastWriteTime);
+          Put<ULONG>(record, 8, 0);
+          Put<ULONG>(record, 12, static_cast<ULONG>(fixed + nameBytes));
+          Put<ULONG>(record, 16, 0);
+          Put<ULONG>(record, 20, nameBytes);
+          std::memcpy(record.data() + fixed, key.name.data(), nameBytes);
+          break;
+        default: {
+          ULONG maxName = 0, maxValueName = 0, maxValueData = 0;
+          for (const auto& [upcased, sub] : key.subkeys) {
+            maxName = std::max<ULONG>(maxName, static_cast<ULONG>(sub->name.size() * sizeof(WCHAR)));
+          }
+          for (const RegistryValue& value : key.values) {
+            maxValueName = std::max<ULONG>(maxValueName, static_cast<ULONG>(value.name.size() * sizeof(WCHAR)));
+            maxValueData = std::max<ULONG>(maxValueData, static_cast<ULONG>(value.data.size()));
+          }
+          fixed = offsetof(KEY_FULL_INFORMATION, Class);
+          record.resize(fixed);
+          Put<int64_t>(record, 0, key.lastWriteTime);
+          Put<ULONG>(record, 8, 0);
+          Put<ULONG>(record, 12, static_cast<ULONG>(fixed));
+          Put<ULONG>(record, 16, 0);
+          Put<ULONG>(record, 20, static_cast<ULONG>(key.subkeys.size()));
+          Put<ULONG>(record, 24, maxName);
+          Put<ULONG>(record, 28, 0);
+          Put<ULONG>(record, 32, static_cast<ULONG>(key.values.size()));
+          Put<ULONG>(record, 36, maxValueName);
+          Put<ULONG>(record, 40, maxValueData);
+          break;
+        }
+      }
+    }
+  }
+  ob_->Dereference(body);
+  if (status != STATUS_SUCCESS) return status;
   *resultLength = static_cast<ULONG>(record.size());
   if (length < fixed) return STATUS_BUFFER_TOO_SMALL;
   if (length < record.size()) {
@@ -325,6 +417,12 @@ NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                                ULONG Length, PULONG ResultLength) {
   ThreadScope kernelCall(CurrentThread(), KernelMode);  // a Zw routine runs with previous mode kernel
   return K().cm.QueryValue(KeyHandle, ValueName, KeyValueInformationClass, KeyValueInformation, Length, ResultLength);
+}
+
+NTSTATUS NTAPI ZwEnumerateKey(HANDLE KeyHandle, ULONG Index, KEY_INFORMATION_CLASS KeyInformationClass,
+                              PVOID KeyInformation, ULONG Length, PULONG ResultLength) {
+  ThreadScope kernelCall(CurrentThread(), KernelMode);
+  return K().cm.EnumerateKey(KeyHandle, Index, KeyInformationClass, KeyInformation, Length, ResultLength);
 }
 
 NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleIndex, ULONG Type, PVOID Data,

@@ -26,6 +26,7 @@ struct KeyNode {
   std::map<std::u16string, std::unique_ptr<KeyNode>> subkeys;  // key: upcased name
   std::vector<RegistryValue> values;
   std::u16string linkTarget;  // a symbolic-link key ("CurrentControlSet") points here
+  int64_t lastWriteTime = 0;  // system time (100 ns since 1601) of the key's creation or last value write
 };
 
 // Body of a key object.
@@ -53,6 +54,8 @@ class Registry {
                    HANDLE* handle, ULONG* disposition);
   NTSTATUS QueryValue(HANDLE handle, const UNICODE_STRING* name, KEY_VALUE_INFORMATION_CLASS infoClass, void* buffer,
                       ULONG length, ULONG* resultLength);
+  NTSTATUS EnumerateKey(HANDLE handle, ULONG index, KEY_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
+                        ULONG* resultLength);
   // A value write as NtSetValueKey does it: pre-callbacks (which may veto it), the capture of the
   // caller's data (which may fault), the write, post-callbacks.
   NTSTATUS SetValue(HANDLE handle, const UNICODE_STRING* name, ULONG type, const void* data, ULONG size);

@@ -29,7 +29,7 @@ PVOID Pool::Allocate(POOL_TYPE type, SIZE_T size, ULONG tag, const char* call) {
     K().verifier.Violation(call, "zero-byte allocation");
     return nullptr;
   }
-  if (K().verifier.ShouldFail(call)) return nullptr;
+  if (K().verifier.ShouldFail(call, tag)) return nullptr;
   PoolBlock block{type, size, tag};
   block.processor = KernelBooted() ? CurrentThread()->processor : 0;
   void* p = nullptr;

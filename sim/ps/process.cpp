@@ -17,7 +17,10 @@ struct Binding {
   uint64_t generation = 0;
   _KTHREAD* thread = nullptr;
 };
-thread_local Binding t_binding;
+// Initial-exec: the library is loaded with the program, never opened later, so its thread-local
+// data sits at a fixed offset from the thread pointer and every kernel routine that asks for the
+// current thread (KeGetCurrentIrql, critical regions, locks) reads it without a call.
+thread_local Binding t_binding __attribute__((tls_model("initial-exec")));
 
 // Host threads by number: unlike std::thread::id, a number is never given to a later host thread,
 // which must not inherit a dead host thread's simulated threads (and their IRQL or regions).

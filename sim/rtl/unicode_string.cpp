@@ -13,9 +13,10 @@ size_t WideLength(PCWSTR s) {
 
 }  // namespace
 
-WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR c) {
-  // The kernel's upcase table for the ranges that file, registry and device names use: ASCII,
-  // Latin-1, Latin Extended-A, Greek and Cyrillic.
+// The kernel's upcase table for the ranges that file, registry and device names use: ASCII,
+// Latin-1, Latin Extended-A, Greek and Cyrillic. The comparisons and hashes below use it directly,
+// as the kernel's use its table, rather than calling the exported routine for every character.
+static inline WCHAR Upcase(WCHAR c) {
   if (c < 'a') return c;
   if (c <= 'z') return static_cast<WCHAR>(c - 0x20);
   if (c < 0xE0) return c == 0xB5 ? 0x39C : c;
@@ -33,6 +34,8 @@ WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR c) {
   if (c >= 0xFF41 && c <= 0xFF5A) return static_cast<WCHAR>(c - 0x20);
   return c;
 }
+
+WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR c) { return Upcase(c); }
 
 VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString) {
   if (!SourceString) {
@@ -102,8 +105,8 @@ LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING St
     WCHAR a = String1->Buffer[i];
     WCHAR b = String2->Buffer[i];
     if (CaseInSensitive) {
-      a = RtlUpcaseUnicodeChar(a);
-      b = RtlUpcaseUnicodeChar(b);
+      a = Upcase(a);
+      b = Upcase(b);
     }
     if (a != b) return static_cast<LONG>(a) - static_cast<LONG>(b);
   }
@@ -113,6 +116,25 @@ LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING St
 BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2, BOOLEAN CaseInSensitive) {
   if (String1->Length != String2->Length) return FALSE;
   return RtlCompareUnicodeString(String1, String2, CaseInSensitive) == 0;
+}
+
+// Callable up to APC_LEVEL; a null string or result, or an algorithm other than the default and
+// X65599 (which are the same today), is STATUS_INVALID_PARAMETER.
+NTSTATUS NTAPI RtlHashUnicodeString(PCUNICODE_STRING String, BOOLEAN CaseInSensitive, ULONG HashAlgorithm,
+                                    PULONG HashValue) {
+  if (KeGetCurrentIrql() > APC_LEVEL) ntsim::K().verifier.Violation("RtlHashUnicodeString", "called above APC_LEVEL");
+  if (!String || !HashValue) return STATUS_INVALID_PARAMETER;
+  if (HashAlgorithm != HASH_STRING_ALGORITHM_DEFAULT && HashAlgorithm != HASH_STRING_ALGORITHM_X65599) {
+    return STATUS_INVALID_PARAMETER;
+  }
+  ULONG hash = 0;
+  size_t chars = String->Length / sizeof(WCHAR);
+  for (size_t i = 0; i < chars; ++i) {
+    WCHAR c = String->Buffer[i];
+    hash = hash * 65599u + (CaseInSensitive ? Upcase(c) : c);
+  }
+  *HashValue = hash;
+  return STATUS_SUCCESS;
 }
 
 BOOLEAN NTAPI RtlPrefixUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2, BOOLEAN CaseInSensitive) {

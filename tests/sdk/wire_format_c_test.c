@@ -5,6 +5,7 @@
 #include "sentrel/event_types.h"
 #include "sentrel/packet.h"
 #include "sentrel/packet_build.h"
+#include "sentrel/white_rule.h"
 #include "sentrel/wire_types.h"
 
 /* Sizes and offsets as C sees them, in this order: sizeof(SK_PACKET) and its eight field offsets,

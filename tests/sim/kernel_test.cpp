@@ -189,6 +189,28 @@ TEST(FaultInjectionTest, FailNthFailsExactlyThatAllocationPointOnce) {
   EXPECT_TRUE(world.kernel().pool.Outstanding().empty());
 }
 
+TEST(FaultInjectionTest, ExemptTagsAreNoAllocationPoints) {
+  World world;
+  world.verifier().ExemptTags({kTagB});
+  world.verifier().FailNth(2);
+  void* exempt[3];
+  for (void*& p : exempt) p = ExAllocatePoolWithTag(PagedPool, 16, kTagB);
+  void* first = ExAllocatePoolWithTag(PagedPool, 16, kTagA);
+  void* second = ExAllocatePoolWithTag(PagedPool, 16, kTagA);
+  EXPECT_TRUE(std::all_of(std::begin(exempt), std::end(exempt), [](void* p) { return p != nullptr; }));
+  EXPECT_NE(first, nullptr);
+  EXPECT_EQ(second, nullptr) << "the second counted point fails";
+  EXPECT_EQ(world.verifier().AllocationPoints(), 2u);
+
+  // Until the list is changed.
+  world.verifier().ExemptTags({});
+  world.verifier().FailNth(1);
+  EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, 16, kTagB), nullptr);
+  world.verifier().FailNth(0);
+  for (void* p : exempt) ExFreePoolWithTag(p, kTagB);
+  ExFreePoolWithTag(first, kTagA);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Lookaside lists
 
@@ -715,6 +737,67 @@ TEST(UnicodeStringTest, ComparisonIgnoresCaseOnlyWhenAsked) {
   EXPECT_FALSE(RtlPrefixUnicodeString(&prefix, &whole, FALSE));
   EXPECT_FALSE(RtlPrefixUnicodeString(&whole, &prefix, TRUE));
   EXPECT_LT(RtlCompareUnicodeString(&prefix, &whole, TRUE), 0);
+}
+
+TEST(UnicodeStringTest, HashesAreX65599OverTheCharactersUpcasedWhenAsked) {
+  World world;
+  // Values worked out independently: h = h * 65599 + c over the UTF-16 characters, from 0.
+  auto hash = [](const wchar_t* text, BOOLEAN caseInsensitive, ULONG algorithm, ULONG* value) {
+    UNICODE_STRING s;
+    RtlInitUnicodeString(&s, text);
+    return RtlHashUnicodeString(&s, caseInsensitive, algorithm, value);
+  };
+  ULONG value = 0;
+  EXPECT_EQ(hash(L"cmd.exe", TRUE, HASH_STRING_ALGORITHM_X65599, &value), STATUS_SUCCESS);
+  EXPECT_EQ(value, 0x41eaadfeu);
+  EXPECT_EQ(hash(L"CMD.EXE", FALSE, HASH_STRING_ALGORITHM_X65599, &value), STATUS_SUCCESS);
+  EXPECT_EQ(value, 0x41eaadfeu);
+  EXPECT_EQ(hash(L"cmd.exe", FALSE, HASH_STRING_ALGORITHM_DEFAULT, &value), STATUS_SUCCESS);
+  EXPECT_EQ(value, 0x5a427e3eu);
+  EXPECT_EQ(hash(L"Windows", TRUE, HASH_STRING_ALGORITHM_X65599, &value), STATUS_SUCCESS);
+  EXPECT_EQ(value, 0x50510c63u);
+  EXPECT_EQ(hash(L"\x00e9t\x00e9", TRUE, HASH_STRING_ALGORITHM_X65599, &value), STATUS_SUCCESS);  // Latin-1 upcased
+  EXPECT_EQ(value, 0x634e41beu);
+  EXPECT_EQ(hash(L"\x043f", TRUE, HASH_STRING_ALGORITHM_X65599, &value), STATUS_SUCCESS);  // Cyrillic
+  EXPECT_EQ(value, 0x41fu);
+  EXPECT_EQ(hash(L"", TRUE, HASH_STRING_ALGORITHM_X65599, &value), STATUS_SUCCESS);
+  EXPECT_EQ(value, 0u);
+
+  value = 7;
+  EXPECT_EQ(hash(L"x", TRUE, HASH_STRING_ALGORITHM_INVALID, &value), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(hash(L"x", TRUE, 2, &value), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(value, 7u);
+  UNICODE_STRING s;
+  RtlInitUnicodeString(&s, L"x");
+  EXPECT_EQ(RtlHashUnicodeString(nullptr, TRUE, HASH_STRING_ALGORITHM_X65599, &value), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(RtlHashUnicodeString(&s, TRUE, HASH_STRING_ALGORITHM_X65599, nullptr), STATUS_INVALID_PARAMETER);
+}
+
+TEST(UnicodeStringTest, DissectNameSplitsOffTheFirstNameInPlace) {
+  World world;
+  struct Case {
+    const wchar_t* path;
+    const char* first;
+    const char* remaining;
+  };
+  // The documented examples, and the edges around a leading, doubled and trailing backslash.
+  for (const Case& c : {Case{L"", "", ""}, Case{L"A", "A", ""}, Case{L"A\\B\\C\\D\\E", "A", "B\\C\\D\\E"},
+                        Case{L"*A?", "*A?", ""}, Case{L"\\A", "A", ""}, Case{L"A[,]", "A[,]", ""},
+                        Case{L"A\\\\B+;\\C", "A", "\\B+;\\C"}, Case{L"\\", "", ""}, Case{L"\\\\B", "", "B"},
+                        Case{L"A\\", "A", ""}, Case{L"\\A\\B\\", "A", "B\\"}}) {
+    UNICODE_STRING path, first, remaining;
+    RtlInitUnicodeString(&path, c.path);
+    FsRtlDissectName(path, &first, &remaining);
+    EXPECT_EQ(Utf8(first), c.first) << Utf8(path);
+    EXPECT_EQ(Utf8(remaining), c.remaining) << Utf8(path);
+    EXPECT_EQ(first.MaximumLength, first.Length);
+    if (first.Length) {
+      EXPECT_TRUE(first.Buffer >= path.Buffer && first.Buffer < path.Buffer + path.Length / 2) << "points into Path";
+    }
+    if (remaining.Length) {
+      EXPECT_EQ(remaining.Buffer + remaining.Length / 2, path.Buffer + path.Length / 2) << "the rest of Path";
+    }
+  }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 // The simulated configuration manager as a driver observes it: opening keys by absolute and
 // relative names, ZwQueryValueKey's three information classes and its buffer-size protocol, the
+// loaded user hives as ZwEnumerateKey lists them, the
 // CurrentControlSet link, registry callbacks around value writes (including writes they veto and
 // writes whose data faults), and hives that outlive a crash and a reboot.
 
@@ -257,6 +258,118 @@ TEST_F(QueryValueTest, ShortBuffersGetTheNeededLengthAndAtMostTheFixedPart) {
   ULONG result = 0;
   EXPECT_EQ(Query(u"Missing", KeyValuePartialInformation, 256, &result), STATUS_OBJECT_NAME_NOT_FOUND);
   EXPECT_TRUE(Untouched());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Subkey enumeration
+
+class EnumerateKeyTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(OpenKey(u"\\Registry\\User", &users_), STATUS_SUCCESS); }
+  void TearDown() override { ZwClose(users_); }
+  NTSTATUS Enumerate(ULONG index, KEY_INFORMATION_CLASS infoClass, ULONG length, ULONG* result) {
+    std::fill(buffer_.begin(), buffer_.end(), 0xAB);
+    return ZwEnumerateKey(users_, index, infoClass, buffer_.data(), length, result);
+  }
+  std::string NameAt(ULONG index) {
+    ULONG result = 0;
+    if (Enumerate(index, KeyBasicInformation, 512, &result) != STATUS_SUCCESS) return "<none>";
+    auto* basic = reinterpret_cast<const KEY_BASIC_INFORMATION*>(buffer_.data());
+    return Utf8(basic->Name, basic->NameLength);
+  }
+  template <typename T>
+  const T* Info() const {
+    return reinterpret_cast<const T*>(buffer_.data());
+  }
+
+  World world_;
+  HANDLE users_ = nullptr;
+  std::vector<uint8_t> buffer_ = std::vector<uint8_t>(512);
+};
+
+TEST_F(EnumerateKeyTest, TheLoadedUserHivesComeInTheOrderOfTheirUpcasedNames) {
+  const std::string user = ntsim::ToUtf8(World::LoggedOnUserSid());
+  std::vector<std::string> names;
+  for (ULONG i = 0; i < 6; ++i) names.push_back(NameAt(i));
+  EXPECT_EQ(names, (std::vector<std::string>{".DEFAULT", "S-1-5-18", "S-1-5-19", "S-1-5-20", user, user + "_Classes"}));
+  ULONG result = 0;
+  EXPECT_EQ(Enumerate(6, KeyBasicInformation, 512, &result), STATUS_NO_MORE_ENTRIES);
+  EXPECT_EQ(Enumerate(1000, KeyNodeInformation, 512, &result), STATUS_NO_MORE_ENTRIES);
+
+  // A user who logs on later is found from then on, in its place.
+  world_.LoadUserHive(u"S-1-5-21-1-2-3-500");
+  EXPECT_EQ(NameAt(4), "S-1-5-21-1-2-3-500");
+  EXPECT_EQ(NameAt(5), "S-1-5-21-1-2-3-500_Classes");
+  EXPECT_EQ(NameAt(8), "<none>");
+}
+
+TEST_F(EnumerateKeyTest, EachInformationClassDescribesTheSubkey) {
+  const std::string user = ntsim::ToUtf8(World::LoggedOnUserSid());
+  const ULONG nameBytes = static_cast<ULONG>(user.size() * sizeof(WCHAR));
+  ULONG result = 0;
+
+  ASSERT_EQ(Enumerate(4, KeyBasicInformation, 512, &result), STATUS_SUCCESS);
+  EXPECT_EQ(result, offsetof(KEY_BASIC_INFORMATION, Name) + nameBytes);
+  EXPECT_EQ(Info<KEY_BASIC_INFORMATION>()->NameLength, nameBytes);
+  EXPECT_EQ(Info<KEY_BASIC_INFORMATION>()->TitleIndex, 0u);
+  const LONGLONG written = Info<KEY_BASIC_INFORMATION>()->LastWriteTime.QuadPart;
+  EXPECT_GT(written, 130000000000000000LL) << "system time of a date after 2012";
+
+  ASSERT_EQ(Enumerate(4, KeyNodeInformation, 512, &result), STATUS_SUCCESS);
+  auto* node = Info<KEY_NODE_INFORMATION>();
+  EXPECT_EQ(Utf8(node->Name, node->NameLength), user);
+  EXPECT_EQ(node->ClassLength, 0u);
+  EXPECT_EQ(node->ClassOffset, offsetof(KEY_NODE_INFORMATION, Name) + nameBytes) << "right behind the name";
+  EXPECT_EQ(result, node->ClassOffset);
+
+  // The user's hive holds "Control Panel" and "Software", and no values.
+  world_.SetRegistryValueDirect(std::u16string(u"\\REGISTRY\\USER\\") + World::LoggedOnUserSid(), u"Seven",
+                                REG_BINARY, "1234567", 7);
+  ASSERT_EQ(Enumerate(4, KeyFullInformation, 512, &result), STATUS_SUCCESS);
+  auto* full = Info<KEY_FULL_INFORMATION>();
+  EXPECT_EQ(result, offsetof(KEY_FULL_INFORMATION, Class));
+  EXPECT_EQ(full->SubKeys, 2u);
+  EXPECT_EQ(full->MaxNameLen, 13u * sizeof(WCHAR));
+  EXPECT_EQ(full->Values, 1u);
+  EXPECT_EQ(full->MaxValueNameLen, 5u * sizeof(WCHAR));
+  EXPECT_EQ(full->MaxValueDataLen, 7u);
+  EXPECT_EQ(full->ClassLength, 0u);
+  EXPECT_GE(full->LastWriteTime.QuadPart, written) << "a value write is a write to the key";
+
+  EXPECT_EQ(Enumerate(0, KeyNameInformation, 512, &result), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(Enumerate(0, static_cast<KEY_INFORMATION_CLASS>(42), 512, &result), STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(EnumerateKeyTest, ShortBuffersGetTheNeededLengthAndAtMostTheFixedPart) {
+  struct Case {
+    KEY_INFORMATION_CLASS infoClass;
+    ULONG fixed;
+  };
+  const Case cases[] = {
+      {KeyBasicInformation, static_cast<ULONG>(offsetof(KEY_BASIC_INFORMATION, Name))},
+      {KeyNodeInformation, static_cast<ULONG>(offsetof(KEY_NODE_INFORMATION, Name))},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("information class " + std::to_string(c.infoClass));
+    ULONG total = 0;
+    ASSERT_EQ(Enumerate(0, c.infoClass, 512, &total), STATUS_SUCCESS);
+    ULONG result = 0;
+    EXPECT_EQ(Enumerate(0, c.infoClass, c.fixed - 1, &result), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(result, total);
+    EXPECT_TRUE(std::all_of(buffer_.begin(), buffer_.end(), [](uint8_t b) { return b == 0xAB; }));
+    for (ULONG length : {c.fixed, total - 1}) {
+      result = 0;
+      EXPECT_EQ(Enumerate(0, c.infoClass, length, &result), STATUS_BUFFER_OVERFLOW) << length;
+      EXPECT_EQ(result, total);
+      EXPECT_EQ(c.infoClass == KeyBasicInformation ? Info<KEY_BASIC_INFORMATION>()->NameLength
+                                                    : Info<KEY_NODE_INFORMATION>()->NameLength,
+                16u) << "the fixed part of \".DEFAULT\"";
+      EXPECT_TRUE(std::all_of(buffer_.begin() + length, buffer_.end(), [](uint8_t b) { return b == 0xAB; }));
+    }
+  }
+  ULONG result = 0;
+  EXPECT_EQ(Enumerate(0, KeyFullInformation, 4, &result), STATUS_BUFFER_TOO_SMALL);
+  EXPECT_EQ(result, offsetof(KEY_FULL_INFORMATION, Class));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -8,6 +8,7 @@
 #include "sentrel/packet.h"
 #include "sentrel/packet_build.h"
 #include "sentrel/ring_buffer.h"
+#include "sentrel/white_rule.h"
 #include "sentrel/wire_types.h"
 
 // Our control codes are the platform's CTL_CODE.

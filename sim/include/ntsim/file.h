@@ -98,4 +98,9 @@ NTSTATUS NTAPI ZwFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBl
 NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
                                       ULONG Length, FILE_INFORMATION_CLASS FileInformationClass);
 
+// The file-system run-time library's path splitter: FirstName is the first name of Path (a leading
+// backslash skipped), RemainingName what follows the backslash behind it. Both point into Path's
+// buffer; nothing is checked for illegal characters. PASSIVE_LEVEL.
+VOID NTAPI FsRtlDissectName(UNICODE_STRING Path, PUNICODE_STRING FirstName, PUNICODE_STRING RemainingName);
+
 NTSIM_END_DECLS

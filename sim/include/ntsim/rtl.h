@@ -22,6 +22,14 @@ BOOLEAN NTAPI RtlPrefixUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING 
                                      BOOLEAN CaseInSensitive);
 WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter);
 
+// String hashes. The default algorithm is X65599: h = h * 65599 + c over the characters, from 0,
+// each character upcased first when CaseInSensitive; the values are the kernel's own.
+#define HASH_STRING_ALGORITHM_DEFAULT 0
+#define HASH_STRING_ALGORITHM_X65599 1
+#define HASH_STRING_ALGORITHM_INVALID 0xffffffff
+NTSTATUS NTAPI RtlHashUnicodeString(PCUNICODE_STRING String, BOOLEAN CaseInSensitive, ULONG HashAlgorithm,
+                                    PULONG HashValue);
+
 // Debugger output: formats with the Windows printf rules (%wZ, %ws, %S, %p, l is 32 bits).
 ULONG DbgPrint(PCSTR Format, ...);
 int _snwprintf(WCHAR *Buffer, SIZE_T Count, const WCHAR *Format, ...);

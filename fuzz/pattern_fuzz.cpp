@@ -160,5 +160,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 bool FuzzReplayFinished() {
   bool clean = !world || world->kernel().pool.Outstanding().empty();
   if (!clean) std::fprintf(stderr, "pattern_fuzz: pool left after the rules were deleted\n");
+  delete mgr;
+  delete world;
+  mgr = nullptr;
+  world = nullptr;
   return clean;
 }

@@ -94,5 +94,8 @@ bool FuzzReplayFinished() {
   if (machine.AsSystem(sk_UninitSentrelData) != STATUS_SUCCESS) return false;
   bool clean = machine.kernel().pool.Outstanding().empty();
   if (!clean) std::fprintf(stderr, "white_rule_fuzz: pool left after the stop\n");
+  SkDriverObject = nullptr;
+  delete world;  // the machine's own threads end with it
+  world = nullptr;
   return clean;
 }

@@ -345,10 +345,17 @@ TEST_F(RuleEngineTest, AFailedAddLeavesTheRulesMatchingAsBefore) {
         UNICODE_STRING prefix = Counted(prefixText);
         UNICODE_STRING suffix = Counted(suffixText);
         UNICODE_STRING converted = Counted(convertedText);
+        const std::u16string fileText = u"\\??\\C:\\Windows\\System32\\notepad.exe";
+        const std::u16string folderText = u"\\??\\D:\\Data\\*";
+        UNICODE_STRING file = Counted(fileText);
+        UNICODE_STRING folder = Counted(folderText);
         NTSTATUS a = sk_AddRule(mgr.get(), kRegistry, &prefix);
         NTSTATUS b = sk_AddRule(mgr.get(), kRegistry, &suffix);
         NTSTATUS c = sk_AddRule(mgr.get(), ET_PROCESS_CREATE, &converted);
-        for (NTSTATUS status : {a, b, c}) {
+        // The opens behind these conversions fail with the status of what could not be had.
+        NTSTATUS d = sk_AddRule(mgr.get(), ET_PROCESS_ACCESS, &file);
+        NTSTATUS e = sk_AddRule(mgr.get(), ET_FILE_CREATE, &folder);
+        for (NTSTATUS status : {a, b, c, d, e}) {
           EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_INSUFFICIENT_RESOURCES) << std::hex << status;
           seen.push_back(status);
         }
@@ -358,11 +365,18 @@ TEST_F(RuleEngineTest, AFailedAddLeavesTheRulesMatchingAsBefore) {
         EXPECT_EQ(sk_MatchRule(mgr.get(), kRegistry, &path), STATUS_SUCCESS);  // *\Run holds in any case
         path = Counted(cmdPath);
         EXPECT_EQ(sk_MatchRule(mgr.get(), ET_PROCESS_CREATE, &path), c == STATUS_SUCCESS ? STATUS_SUCCESS : STATUS_NOT_FOUND);
+        const std::u16string notepad = u"\\Device\\HarddiskVolume3\\Windows\\System32\\notepad.exe";
+        const std::u16string report = u"\\Device\\HarddiskVolume5\\Data\\report.txt";
+        path = Counted(notepad);
+        EXPECT_EQ(sk_MatchRule(mgr.get(), ET_PROCESS_ACCESS, &path), d == STATUS_SUCCESS ? STATUS_SUCCESS : STATUS_NOT_FOUND);
+        path = Counted(report);
+        EXPECT_EQ(sk_MatchRule(mgr.get(), ET_FILE_CREATE, &path), e == STATUS_SUCCESS ? STATUS_SUCCESS : STATUS_NOT_FOUND);
       },
       prepare, finish);
   EXPECT_NE(std::count(seen.begin(), seen.end(), STATUS_INSUFFICIENT_RESOURCES), 0);
   EXPECT_TRUE(HasMessage(world, "skt_AddPathRule fail Status:c000009a"));
   EXPECT_TRUE(HasMessage(world, "NtPathRule alloc fail Status:c000009a"));
+  EXPECT_TRUE(HasMessage(world, "skt_QueryNtPath fail Status:c000009a"));
   Init();  // for the fixture's own stop
 }
 

@@ -16,7 +16,7 @@
 
 #define SK_NO_INFORMATION ((ULONG_PTR)-1)
 
-static NTSTATUS sk_Complete(PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {
+NTSTATUS sk_CompleteIrp(PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {
   Irp->IoStatus.Status = Status;
   Irp->IoStatus.Information = Information;
   IoCompleteRequest(Irp, IO_NO_INCREMENT);
@@ -35,7 +35,7 @@ NTSTATUS sk_ServeRead(PIRP Irp, ULONG ProcessId) {
       if (needed > length) {
         SK_ERROR("NeedLength > Length -> NeedLength:0x%0x\n", needed);
         SK_INFO(" Complete Irp[0x%p]\n", Irp);
-        return sk_Complete(Irp, STATUS_BUFFER_TOO_SMALL, needed);
+        return sk_CompleteIrp(Irp, STATUS_BUFFER_TOO_SMALL, needed);
       }
       node = sk_PickMsgFromMsgQueue(&SentrelData.ProcMsgMgr, ProcessId);
       if (node) {
@@ -44,20 +44,20 @@ NTSTATUS sk_ServeRead(PIRP Irp, ULONG ProcessId) {
           sk_ReInsertMsgNodeToMsgQueue(&SentrelData.ProcMsgMgr, ProcessId, node);
           SK_ERROR("MsgNode->MsgLen > Length -> NeedLength:0x%0x\n", needed);
           SK_INFO(" Complete Irp[0x%p]\n", Irp);
-          return sk_Complete(Irp, STATUS_BUFFER_TOO_SMALL, needed);
+          return sk_CompleteIrp(Irp, STATUS_BUFFER_TOO_SMALL, needed);
         }
         buffer = Irp->MdlAddress ? MmGetSystemAddressForMdlSafe(Irp->MdlAddress, NormalPagePriority) : NULL;
         if (!buffer) {
           SK_ERROR("MmGetSystemAddressForMdlSafe fail\n");
           sk_FreeMsgNode(node);
-          return sk_Complete(Irp, STATUS_INSUFFICIENT_RESOURCES, SK_NO_INFORMATION);
+          return sk_CompleteIrp(Irp, STATUS_INSUFFICIENT_RESOURCES, SK_NO_INFORMATION);
         }
         SK_INFO("Read MsgNode:0x%p Msg:0x%p MsgLen:0x%0x\n", node, node->Msg, node->MsgLen);
         RtlCopyMemory(buffer, node->Msg, node->MsgLen);
         needed = node->MsgLen;
         sk_FreeMsgNode(node);
         SK_INFO("Read Success[len:0x%0x]\n", needed);
-        return sk_Complete(Irp, STATUS_SUCCESS, needed);
+        return sk_CompleteIrp(Irp, STATUS_SUCCESS, needed);
       }
       SK_INFO("No Msg,Insert Irp to Queue\n");
     } else {
@@ -124,7 +124,7 @@ NTSTATUS sk_Write(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
       break;
   }
 Exit:
-  sk_Complete(Irp, status, information);
+  sk_CompleteIrp(Irp, status, information);
   SK_LEAVE(status);
   return status;
 }
@@ -299,7 +299,7 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
       SK_ERROR("Unknow Ioctl:0x%0x\n", code);
       break;
   }
-  sk_Complete(Irp, status, information);
+  sk_CompleteIrp(Irp, status, information);
   SK_LEAVE(status);
   return status;
 }
@@ -313,13 +313,13 @@ NTSTATUS sk_Cleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   SK_ENTER();
   SK_INFO("ProcessId:%d\n", (ULONG)(ULONG_PTR)PsGetCurrentProcessId());
   if (record) {
-    while ((pending = sk_TakePendingRead(fileObject)) != NULL) sk_Complete(pending, STATUS_CANCELLED, 0);
+    while ((pending = sk_TakePendingRead(fileObject)) != NULL) sk_CompleteIrp(pending, STATUS_CANCELLED, 0);
     if (record != &SentrelData.ConsumerAuth && record->Tag == SK_RECORD_REGISTRATION && record->Size == sizeof(SK_CCB)) {
       ExFreeToPagedLookasideList(&SentrelData.CcbLookaside, record);
       fileObject->FsContext2 = NULL;
     }
   }
-  sk_Complete(Irp, STATUS_SUCCESS, 0);
+  sk_CompleteIrp(Irp, STATUS_SUCCESS, 0);
   SK_LEAVE(STATUS_SUCCESS);
   return STATUS_SUCCESS;
 }

@@ -427,16 +427,8 @@ static BOOLEAN sk_FillRead(PIRP Irp, PVOID Msg, ULONG MsgLen) {
   buffer = MmGetSystemAddressForMdlSafe(Irp->MdlAddress, NormalPagePriority);
   if (!buffer) return FALSE;
   RtlCopyMemory(buffer, Msg, MsgLen);
-  Irp->IoStatus.Status = STATUS_SUCCESS;
-  Irp->IoStatus.Information = MsgLen;
-  IoCompleteRequest(Irp, IO_NO_INCREMENT);
+  sk_CompleteIrp(Irp, STATUS_SUCCESS, MsgLen);
   return TRUE;
-}
-
-static VOID sk_CompleteTooSmall(PIRP Irp, ULONG MsgLen) {
-  Irp->IoStatus.Status = STATUS_BUFFER_TOO_SMALL;
-  Irp->IoStatus.Information = MsgLen;
-  IoCompleteRequest(Irp, IO_NO_INCREMENT);
 }
 
 // A read that was parked while this packet was being queued would otherwise wait for the next
@@ -480,7 +472,7 @@ NTSTATUS sk_SendMsg(ULONG ProcessId, PVOID Msg, ULONG MsgLen) {
       goto Exit;
     }
     SK_ERROR("Buffer Too Small.NeedLength:0x%0x\n", MsgLen);
-    sk_CompleteTooSmall(irp, MsgLen);
+    sk_CompleteIrp(irp, STATUS_BUFFER_TOO_SMALL, MsgLen);
   }
   copy = ExAllocatePoolWithTag(PagedPool, MsgLen, SK_TAG_MSG_COPY);
   if (!copy) {
@@ -556,7 +548,7 @@ NTSTATUS sk_SendMsgToConsumer(PVOID Msg, ULONG MsgLen) {
   }
   if (tooSmall) {
     SK_ERROR("[Irp:0x%p] Irp Buffer Too Small.NeedLength:0x%0x\n", tooSmall, MsgLen);
-    sk_CompleteTooSmall(tooSmall, MsgLen);
+    sk_CompleteIrp(tooSmall, STATUS_BUFFER_TOO_SMALL, MsgLen);
     SK_INFO(" Complete Irp[0x%p]\n", tooSmall);
   }
   if (NT_SUCCESS(status)) sk_ServeLateRead(fileObject, SK_READ_ONCE(consumer->ProcessId));

@@ -1,5 +1,6 @@
 #include "channel/pending_reads.h"
 
+#include "channel/dispatch.h"
 #include "core/debug_log.h"
 #include "core/sentrel_data.h"
 
@@ -50,9 +51,7 @@ static VOID NTAPI sk_CsqReleaseLock(PIO_CSQ Csq, KIRQL Irql) {
 
 static VOID NTAPI sk_CsqCompleteCanceledIrp(PIO_CSQ Csq, PIRP Irp) {
   UNREFERENCED_PARAMETER(Csq);
-  Irp->IoStatus.Status = STATUS_CANCELLED;
-  Irp->IoStatus.Information = 0;
-  IoCompleteRequest(Irp, IO_NO_INCREMENT);
+  sk_CompleteIrp(Irp, STATUS_CANCELLED, 0);
 }
 
 VOID sk_InitPendingReads(PSK_DEVICE_EXTENSION Extension) {

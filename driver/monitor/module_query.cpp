@@ -2,14 +2,12 @@
 
 #include "core/debug_log.h"
 #include "core/pool_tags.h"
+#include "monitor/system_snapshot.h"
 
 #define SK_MODULE SK_TRACE_TOOL
 
-#define SK_SNAPSHOT_STEP 16384
-
 NTSTATUS skt_EnumSysModule(PSKT_ENUM_SYS_MODULE_CALLBACK Callback, PVOID Context) {
   NTSTATUS status;
-  ULONG size = SK_SNAPSHOT_STEP;
   PRTL_PROCESS_MODULES modules;
   ULONG index;
 
@@ -18,24 +16,9 @@ NTSTATUS skt_EnumSysModule(PSKT_ENUM_SYS_MODULE_CALLBACK Callback, PVOID Context
     status = STATUS_INVALID_PARAMETER;
     goto Leave;
   }
-  for (;;) {
-    modules = (PRTL_PROCESS_MODULES)ExAllocatePoolWithTag(PagedPool, size, SK_TAG_MODULE_SNAPSHOT);
-    if (!modules) {
-      SK_ERROR("ProcModInfo alloc fail\n");
-      status = STATUS_INSUFFICIENT_RESOURCES;
-      goto Leave;
-    }
-    RtlZeroMemory(modules, size);
-    status = NtQuerySystemInformation(SystemModuleInformation, modules, size, &size);
-    if (NT_SUCCESS(status)) break;
-    ExFreePoolWithTag(modules, SK_TAG_MODULE_SNAPSHOT);
-    if (status != STATUS_INFO_LENGTH_MISMATCH || size > MAXULONG - SK_SNAPSHOT_STEP) {
-      SK_ERROR("NtQuerySystemInformation fail Status:%08lx\n", status);
-      goto Leave;
-    }
-    size += SK_SNAPSHOT_STEP;
-  }
-
+  status = skt_QuerySystemSnapshot(SystemModuleInformation, SK_TAG_MODULE_SNAPSHOT, "ProcModInfo alloc fail\n",
+                                   (PVOID *)&modules);
+  if (!NT_SUCCESS(status)) goto Leave;
   SK_INFO("Query Module Information Success\n");
   for (index = 0; index < modules->NumberOfModules; ++index) {
     status = Callback(&modules->Modules[index], Context);

@@ -2,6 +2,7 @@
 
 #include "core/debug_log.h"
 #include "core/pool_tags.h"
+#include "monitor/system_snapshot.h"
 #include "names/string_block.h"
 #include "platform/guarded_memory.h"
 
@@ -10,7 +11,6 @@
 #define SK_PEB_PROCESS_PARAMETERS 0x20  // offset in the 64-bit environment block
 #define SK_PARAMETERS_NORMALIZED 0x1    // Flags: string buffers are addresses, not offsets
 #define SK_MAPPED_NAME_SIZE 16384
-#define SK_SNAPSHOT_STEP 16384
 #define SK_WALK_REGION_LIMIT 6000
 #define SK_WALK_START 0x40000
 #define SK_WALK_START_WOW64 0x10000
@@ -236,7 +236,6 @@ Leave:
 
 NTSTATUS skt_EnumProcess(PSKT_ENUM_PROCESS_CALLBACK Callback, PVOID Context) {
   NTSTATUS status;
-  ULONG size = SK_SNAPSHOT_STEP;
   PUCHAR buffer;
   PSYSTEM_PROCESS_INFORMATION entry;
 
@@ -245,26 +244,9 @@ NTSTATUS skt_EnumProcess(PSKT_ENUM_PROCESS_CALLBACK Callback, PVOID Context) {
     status = STATUS_INVALID_PARAMETER;
     goto Leave;
   }
-  // The list may grow between two queries: each retry asks for what the kernel last reported and
-  // a margin more.
-  for (;;) {
-    buffer = (PUCHAR)ExAllocatePoolWithTag(PagedPool, size, SK_TAG_PROCESS_SNAPSHOT);
-    if (!buffer) {
-      SK_ERROR("ProcInfo alloc fail\n");
-      status = STATUS_INSUFFICIENT_RESOURCES;
-      goto Leave;
-    }
-    RtlZeroMemory(buffer, size);
-    status = NtQuerySystemInformation(SystemProcessInformation, buffer, size, &size);
-    if (NT_SUCCESS(status)) break;
-    ExFreePoolWithTag(buffer, SK_TAG_PROCESS_SNAPSHOT);
-    if (status != STATUS_INFO_LENGTH_MISMATCH || size > MAXULONG - SK_SNAPSHOT_STEP) {
-      SK_ERROR("NtQuerySystemInformation fail Status:%08lx\n", status);
-      goto Leave;
-    }
-    size += SK_SNAPSHOT_STEP;
-  }
-
+  status = skt_QuerySystemSnapshot(SystemProcessInformation, SK_TAG_PROCESS_SNAPSHOT, "ProcInfo alloc fail\n",
+                                   (PVOID *)&buffer);
+  if (!NT_SUCCESS(status)) goto Leave;
   SK_INFO("Query Process Information Success\n");
   entry = (PSYSTEM_PROCESS_INFORMATION)buffer;
   for (;;) {

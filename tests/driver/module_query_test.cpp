@@ -3,26 +3,14 @@
 
 #include "core/debug_log.h"
 #include "monitor/module_query.h"
-#include "test_support.h"
+#include "query_test_support.h"
 
 using namespace ntsim;
 using sentrel_test::HasMessage;
 
 namespace {
 
-class ModuleQueryTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    PrintLevel = SK_LEVEL_ERROR | SK_LEVEL_INFO;
-    TraceLevel = SK_TRACE_TOOL;
-  }
-  void TearDown() override {
-    world.verifier().FailNth(0);
-    EXPECT_TRUE(world.kernel().pool.Outstanding().empty());
-    PrintLevel = TraceLevel = 0;
-  }
-  World world;
-};
+class ModuleQueryTest : public sentrel_test::QueryTest {};
 
 PVOID Find(PVOID base, const char* name) {
   ANSI_STRING text;

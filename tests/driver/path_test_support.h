@@ -43,15 +43,7 @@ class StartedDriverTest : public ::testing::Test {
   NTSTATUS Stop() { return world.AsSystem(sk_UninitSentrelData); }
 
   // With SentrelData stopped: no pool, no object reference and no kernel handle of the driver's.
-  void ExpectNothingHeld(const std::string& when) {
-    EXPECT_TRUE(world.kernel().pool.Outstanding().empty()) << when;
-    for (ntsim::ObjectHeader* header : world.kernel().ob.LiveObjects()) {
-      EXPECT_EQ(header->driverReferences.load(), 0) << when;
-    }
-    for (auto& [handle, entry] : world.kernel().ob.KernelHandles().Entries()) {
-      EXPECT_FALSE(entry.driverOwned) << when;
-    }
-  }
+  void ExpectNothingHeld(const std::string& when) { sentrel_test::ExpectNothingHeld(world, when); }
 
   // Runs call with the n-th allocation point failing, for n = 1, 2, ... until a run meets no
   // injected failure; SentrelData is started afresh for each run and stopped after it, and

@@ -6,7 +6,7 @@
 #include "core/debug_log.h"
 #include "monitor/process_query.h"
 #include "names/string_block.h"
-#include "test_support.h"
+#include "query_test_support.h"
 
 using namespace ntsim;
 using sentrel_test::HasMessage;
@@ -14,20 +14,8 @@ using sentrel_test::Text;
 
 namespace {
 
-class ProcessQueryTest : public ::testing::Test {
+class ProcessQueryTest : public sentrel_test::QueryTest {
  protected:
-  void SetUp() override {
-    PrintLevel = SK_LEVEL_ERROR | SK_LEVEL_INFO;
-    TraceLevel = SK_TRACE_TOOL;
-  }
-  void TearDown() override {
-    world.verifier().FailNth(0);
-    EXPECT_TRUE(world.kernel().pool.Outstanding().empty());
-    for (auto& [handle, entry] : world.kernel().ob.KernelHandles().Entries()) EXPECT_FALSE(entry.driverOwned);
-    for (ObjectHeader* header : world.kernel().ob.LiveObjects()) EXPECT_EQ(header->driverReferences.load(), 0);
-    PrintLevel = TraceLevel = 0;
-  }
-
   UserProcess& Launch(const std::u16string& commandLine, const std::u16string& directory, bool normalized,
                       bool wow64 = false) {
     ProcessSpec spec;
@@ -57,8 +45,6 @@ class ProcessQueryTest : public ::testing::Test {
       return info;
     });
   }
-
-  World world;
 };
 
 TEST_F(ProcessQueryTest, CommandLineAndDirectoryComeFromNormalizedAndUnnormalizedBlocks) {

@@ -1,6 +1,8 @@
 // Small helpers shared by the driver's tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -40,6 +42,17 @@ inline std::vector<std::string> Messages(ntsim::World& world) {
     out.push_back(end == std::string::npos ? line : line.substr(end + 2));
   }
   return out;
+}
+
+// No pool, object reference or kernel handle of the driver's is left behind.
+inline void ExpectNothingHeld(ntsim::World& world, const std::string& when = std::string()) {
+  EXPECT_TRUE(world.kernel().pool.Outstanding().empty()) << when;
+  for (ntsim::ObjectHeader* header : world.kernel().ob.LiveObjects()) {
+    EXPECT_EQ(header->driverReferences.load(), 0) << when;
+  }
+  for (auto& [handle, entry] : world.kernel().ob.KernelHandles().Entries()) {
+    EXPECT_FALSE(entry.driverOwned) << when;
+  }
 }
 
 inline bool HasMessage(ntsim::World& world, const std::string& text) {

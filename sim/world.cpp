@@ -130,6 +130,11 @@ NTSTATUS UserProcess::CloseHandle(HANDLE handle) {
   return world_.kernel().io.UserCloseHandle(handle);
 }
 
+NTSTATUS UserProcess::DuplicateHandle(HANDLE handle, UserProcess& target, HANDLE* duplicate) {
+  ThreadScope scope(Thread(), UserMode);
+  return world_.kernel().ob.DuplicateHandle(handle, target.process_->handles, duplicate);
+}
+
 NTSTATUS UserProcess::SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type,
                                        const void* data, ULONG size) {
   ThreadScope scope(Thread(), UserMode);

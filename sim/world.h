@@ -77,6 +77,8 @@ class UserProcess {
   NTSTATUS CancelIo(HANDLE handle);
   NTSTATUS CancelIoEx(HANDLE handle, const PendingIo* request = nullptr);
   NTSTATUS CloseHandle(HANDLE handle);
+  // DuplicateHandle into another process, with the same access: both handles name one file object.
+  NTSTATUS DuplicateHandle(HANDLE handle, UserProcess& target, HANDLE* duplicate);
   // RegSetValueEx: registry callbacks see the write before it happens.
   NTSTATUS SetRegistryValue(const std::u16string& keyPath, const std::u16string& name, ULONG type, const void* data,
                             ULONG size);

@@ -131,6 +131,7 @@ NTSTATUS NTAPI IoCsqInsertIrpEx(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Conte
     return status;
   }
   Csq->CsqReleaseLock(Csq, irql);
+  K().io.RunCsqHook(CsqStep::Inserted);  // from here another thread may remove and complete it
   return status;
 }
 

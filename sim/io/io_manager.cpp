@@ -349,6 +349,8 @@ void IoManager::CompleteRequest(PIRP irp) {
     std::lock_guard<std::mutex> lock(mutex_);
     RequestState& state = requests_[irp];
     state.completed = true;
+    state.pendingReturned = irp->PendingReturned;
+    state.completedStatus = irp->IoStatus.Status;
     finish = TakeFinishLocked(state);
   }
   completed_.notify_all();
@@ -357,6 +359,7 @@ void IoManager::CompleteRequest(PIRP irp) {
 
 bool IoManager::TakeFinishLocked(RequestState& state) {
   if (!state.completed || state.holds > 0 || state.finishing) return false;
+  if (state.dispatching && !state.pendingReturned) return false;
   if (!state.freeOnCompletion && !state.operation) return false;
   state.finishing = true;
   return true;
@@ -535,34 +538,48 @@ std::shared_ptr<PendingIo> IoManager::Issue(const std::shared_ptr<PendingIo>& op
     KeClearEvent(&op->event_);  // as the system service does before it sends the request
     irp->UserEvent = &op->event_;
   }
+  uint64_t serial;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     RequestState& state = requests_[irp];
     state.operation = op;
     state.thread = CurrentThread();
-    state.holds = 1;  // the dispatch routine's, until it returns
+    state.dispatching = true;
+    serial = state.serial;
   }
   NTSTATUS status = CallDriver(device, irp);
-  // What the dispatch routine left is read before its hold goes: a completion on another thread
-  // may finish and free the request at once after that.
-  bool marked = (stack->Control & SL_PENDING_RETURNED) != 0;
+  // Once its dispatch routine has marked it pending, a request completed elsewhere may already be
+  // finished and freed here: only the I/O manager's own record of it is read, never the request.
+  bool marked;
   bool completed;
   NTSTATUS completedStatus = STATUS_SUCCESS;
-  bool finish;
+  bool finish = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    RequestState& state = requests_[irp];
-    state.dispatchReturned = true;
-    --state.holds;
-    completed = state.completed;
-    if (completed) completedStatus = irp->IoStatus.Status;
-    // A request its dispatch routine neither completed nor left pending would never end: the
-    // verifier stops the run below, and a test that records violations gets it back as it stands.
-    if (!completed && status != STATUS_PENDING) state.completed = true;
-    finish = TakeFinishLocked(state);
+    auto it = requests_.find(irp);
+    if (it == requests_.end() || it->second.serial != serial || it->second.finishing) {
+      marked = true;  // finished before its dispatch routine returned: only a pending one is
+      completed = true;
+      completedStatus = STATUS_PENDING;
+    } else {
+      RequestState& state = it->second;
+      state.dispatching = false;
+      state.dispatchReturned = true;
+      completed = state.completed;
+      marked = completed ? state.pendingReturned : (stack->Control & SL_PENDING_RETURNED) != 0;
+      if (completed) completedStatus = state.completedStatus;
+      // A request its dispatch routine neither completed nor left pending would never end: the
+      // verifier stops the run below, and a test that records violations gets it back as it stands.
+      if (!completed && status != STATUS_PENDING) state.completed = true;
+      finish = TakeFinishLocked(state);
+    }
   }
   if (status == STATUS_PENDING && !marked) {
     K().verifier.Violation(MajorFunctionName(major), "dispatch returned STATUS_PENDING without IoMarkIrpPending");
+  } else if (status != STATUS_PENDING && marked) {
+    char text[128];
+    std::snprintf(text, sizeof text, "dispatch marked the request pending but returned %08x", (unsigned)status);
+    K().verifier.Violation(MajorFunctionName(major), text);
   } else if (status != STATUS_PENDING && !completed) {
     char text[128];
     std::snprintf(text, sizeof text, "dispatch returned %08x without completing the request", (unsigned)status);
@@ -766,6 +783,9 @@ void IoManager::FreeIrp(PIRP irp) {
   FreeMdls(irp->MdlAddress);
   std::lock_guard<std::mutex> lock(mutex_);
   requests_.erase(irp);
+  // Poisoned, so that a driver that touches a freed request reads garbage even where no address
+  // sanitizer would report the touch.
+  std::memset(irp, 0xDD, irp->Size);
   std::free(irp);
 }
 

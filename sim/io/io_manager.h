@@ -82,9 +82,9 @@ class PendingIo {
   LONGLONG position_ = 0;
 };
 
-// Moments of a cancel-safe queue at which a test may act: a request about to be inserted, and a
-// removal that found no request.
-enum class CsqStep { Inserting, FoundNothing };
+// Moments of a cancel-safe queue at which a test may act: a request about to be inserted, one just
+// inserted (the queue's lock released), and a removal that found no request.
+enum class CsqStep { Inserting, Inserted, FoundNothing };
 
 class IoManager {
  public:
@@ -195,10 +195,14 @@ class IoManager {
     // Requests queued to a thread (threaded requests), which its exit and CancelIo cancel.
     _KTHREAD* thread = nullptr;
     std::shared_ptr<PendingIo> operation;  // issued through the system services
-    // Who may still touch the request: its dispatch routine until it returns, and a canceller
-    // between finding the request and IoCancelIrp's return. The I/O manager finishes (and frees)
-    // a completed request only when none is left.
+    // Who may still touch the request: a canceller between finding the request and IoCancelIrp's
+    // return, and its dispatch routine until it returns, unless the request was marked pending:
+    // such a request is finished (and freed) as soon as its completion ends, wherever the
+    // dispatch routine is, as on Windows.
     int holds = 0;
+    bool dispatching = false;
+    bool pendingReturned = false;  // the completion found the request marked pending
+    NTSTATUS completedStatus = STATUS_PENDING;
     bool finishing = false;
   };
   // A request that never reached a driver: the system service failed it before building one.

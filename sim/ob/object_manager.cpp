@@ -326,6 +326,15 @@ NTSTATUS ObjectManager::CloseHandle(HANDLE handle, KPROCESSOR_MODE mode) {
   return STATUS_SUCCESS;
 }
 
+NTSTATUS ObjectManager::DuplicateHandle(HANDLE handle, HandleTable& target, HANDLE* duplicate) {
+  HandleEntry entry;
+  if (!CurrentProcess()->handles.Lookup(handle, &entry)) return STATUS_INVALID_HANDLE;
+  entry.object->pointerCount.fetch_add(1);
+  entry.object->handleCount.fetch_add(1);
+  *duplicate = target.Insert(entry.object, entry.access, false);
+  return STATUS_SUCCESS;
+}
+
 void ObjectManager::CloseAll(HandleTable& table) {
   for (auto& [handle, entry] : table.Entries()) {
     HandleEntry removed;

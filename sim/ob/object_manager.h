@@ -127,6 +127,9 @@ class ObjectManager {
   NTSTATUS ReferenceByHandle(HANDLE handle, POBJECT_TYPE type, KPROCESSOR_MODE mode, ACCESS_MASK access,
                              void** body, ACCESS_MASK* granted);
   NTSTATUS CloseHandle(HANDLE handle, KPROCESSOR_MODE mode);
+  // DuplicateHandle with DUPLICATE_SAME_ACCESS: a handle of the current process's table, for the
+  // same object, inserted into another table.
+  NTSTATUS DuplicateHandle(HANDLE handle, HandleTable& target, HANDLE* duplicate);
   HandleTable& KernelHandles() { return kernelHandles_; }
   // Closes every handle of a table, as process exit does.
   void CloseAll(HandleTable& table);

@@ -676,6 +676,16 @@ TEST(DeviceRequestTest, RequestMistakesAreViolations) {
                       buffer, sizeof buffer);
   EXPECT_EQ(ViolationCalls(world), std::vector<std::string>{"IRP_MJ_DEVICE_CONTROL"});
 
+  // Marked pending, the request must be left pending: a dispatch routine that completes it and
+  // returns the status has already handed it over.
+  world.verifier().ClearViolations();
+  driver.on[IRP_MJ_READ] = [](PDEVICE_OBJECT, PIRP irp) {
+    IoMarkIrpPending(irp);
+    return Complete(irp, STATUS_SUCCESS, 1);
+  };
+  app.ReadFile(handle, buffer, sizeof buffer);
+  EXPECT_EQ(ViolationCalls(world), std::vector<std::string>{"IRP_MJ_READ"});
+
   // A request marked pending and completed before the dispatch returns is in order.
   world.verifier().ClearViolations();
   driver.on[IRP_MJ_READ] = [](PDEVICE_OBJECT, PIRP irp) {
@@ -723,6 +733,41 @@ TEST(DeviceRequestTest, APendingRequestBlocksTheCallerUntilCompletedElsewhere) {
   EXPECT_EQ(result.information, 4u);
   EXPECT_EQ(std::string(buffer, sizeof buffer), "lateuuuu");
   EXPECT_EQ(world.kernel().io.OutstandingRequests(), 0u);
+  app.CloseHandle(handle);
+}
+
+// Windows may free a request marked pending as soon as another thread has completed it, while its
+// dispatch routine still runs; one not marked pending lives until its dispatch routine returns.
+TEST(DeviceRequestTest, APendingRequestCompletedElsewhereIsFreedAtOnce) {
+  World world;
+  TestDriver driver(world);
+  driver.AddDevice(u"\\Device\\SimTest", DO_BUFFERED_IO);
+  UserProcess& app = world.StartProcess(u"app.exe");
+  HANDLE handle = nullptr;
+  ASSERT_EQ(app.CreateFile(u"\\Device\\SimTest", GENERIC_READ | GENERIC_WRITE, &handle), STATUS_SUCCESS);
+  char buffer[8] = {};
+
+  size_t leftWhileDispatching = 99;
+  driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
+    IoMarkIrpPending(irp);
+    { HostThread completer([&] { Complete(irp, STATUS_SUCCESS, 2); }); }
+    leftWhileDispatching = world.kernel().io.AllocatedRequests();
+    return STATUS_PENDING;
+  };
+  IoResult result = app.ReadFile(handle, buffer, sizeof buffer);
+  EXPECT_EQ(leftWhileDispatching, 0u) << "the completed pending request was still allocated";
+  EXPECT_EQ(result.status, STATUS_SUCCESS);
+  EXPECT_EQ(result.information, 2u);
+
+  driver.on[IRP_MJ_WRITE] = [&](PDEVICE_OBJECT, PIRP irp) {
+    { HostThread completer([&] { Complete(irp, STATUS_SUCCESS); }); }
+    leftWhileDispatching = world.kernel().io.AllocatedRequests();
+    return STATUS_SUCCESS;
+  };
+  result = app.WriteFile(handle, buffer, sizeof buffer);
+  EXPECT_EQ(leftWhileDispatching, 1u) << "a request not marked pending was freed under its dispatch routine";
+  EXPECT_EQ(result.status, STATUS_SUCCESS);
+  EXPECT_EQ(world.kernel().io.AllocatedRequests(), 0u);
   app.CloseHandle(handle);
 }
 

@@ -1,6 +1,6 @@
 #include "channel/dispatch.h"
 
-#include "channel/msg_queue.h"
+#include "channel/complete_request.h"
 #include "channel/pending_reads.h"
 #include "channel/registration.h"
 #include "channel/ring_buffer.h"
@@ -15,67 +15,6 @@
 #define SK_MODULE SK_TRACE_COMMU
 
 #define SK_NO_INFORMATION ((ULONG_PTR)-1)
-
-NTSTATUS sk_CompleteIrp(PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {
-  Irp->IoStatus.Status = Status;
-  Irp->IoStatus.Information = Information;
-  IoCompleteRequest(Irp, IO_NO_INCREMENT);
-  return Status;
-}
-
-NTSTATUS sk_ServeRead(PIRP Irp, ULONG ProcessId) {
-  PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
-  ULONG length = IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length;
-  ULONG needed;
-  PSK_MSG_NODE node;
-  PVOID buffer;
-
-  for (;;) {
-    if (NT_SUCCESS(sk_GetMsgLength(&SentrelData.ProcMsgMgr, ProcessId, fileObject, &needed))) {
-      if (needed > length) {
-        SK_ERROR("NeedLength > Length -> NeedLength:0x%0x\n", needed);
-        SK_INFO(" Complete Irp[0x%p]\n", Irp);
-        return sk_CompleteIrp(Irp, STATUS_BUFFER_TOO_SMALL, needed);
-      }
-      node = sk_PickMsgFromMsgQueue(&SentrelData.ProcMsgMgr, ProcessId);
-      if (node) {
-        if (node->MsgLen > length) {
-          needed = node->MsgLen;
-          sk_ReInsertMsgNodeToMsgQueue(&SentrelData.ProcMsgMgr, ProcessId, node);
-          SK_ERROR("MsgNode->MsgLen > Length -> NeedLength:0x%0x\n", needed);
-          SK_INFO(" Complete Irp[0x%p]\n", Irp);
-          return sk_CompleteIrp(Irp, STATUS_BUFFER_TOO_SMALL, needed);
-        }
-        buffer = Irp->MdlAddress ? MmGetSystemAddressForMdlSafe(Irp->MdlAddress, NormalPagePriority) : NULL;
-        if (!buffer) {
-          SK_ERROR("MmGetSystemAddressForMdlSafe fail\n");
-          sk_FreeMsgNode(node);
-          return sk_CompleteIrp(Irp, STATUS_INSUFFICIENT_RESOURCES, SK_NO_INFORMATION);
-        }
-        SK_INFO("Read MsgNode:0x%p Msg:0x%p MsgLen:0x%0x\n", node, node->Msg, node->MsgLen);
-        RtlCopyMemory(buffer, node->Msg, node->MsgLen);
-        needed = node->MsgLen;
-        sk_FreeMsgNode(node);
-        SK_INFO("Read Success[len:0x%0x]\n", needed);
-        return sk_CompleteIrp(Irp, STATUS_SUCCESS, needed);
-      }
-      SK_INFO("No Msg,Insert Irp to Queue\n");
-    } else {
-      SK_INFO("Get Msg Length fail(No Msg),Insert Irp to Queue\n");
-    }
-
-    // Wait for a packet. A sender that queued one just before the read was parked looks for
-    // parked reads only after queuing, and the read looks at its queue again only after parking,
-    // so one of the two sees the other: either the sender serves the read, or the read takes
-    // itself back here and starts over.
-    if (Irp->UserEvent) KeResetEvent(Irp->UserEvent);
-    SK_INFO("Insert Irp[0x%p] to Queue\n", Irp);
-    sk_ParkRead(Irp);
-    if (!NT_SUCCESS(sk_GetMsgLength(&SentrelData.ProcMsgMgr, ProcessId, fileObject, &needed)) || !sk_UnparkRead(Irp)) {
-      return STATUS_PENDING;
-    }
-  }
-}
 
 NTSTATUS sk_Read(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   NTSTATUS status;
@@ -307,13 +246,12 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 NTSTATUS sk_Cleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
   PSK_CCB record = (PSK_CCB)fileObject->FsContext2;
-  PIRP pending;
 
   UNREFERENCED_PARAMETER(DeviceObject);
   SK_ENTER();
   SK_INFO("ProcessId:%d\n", (ULONG)(ULONG_PTR)PsGetCurrentProcessId());
   if (record) {
-    while ((pending = sk_TakePendingRead(fileObject)) != NULL) sk_CompleteIrp(pending, STATUS_CANCELLED, 0);
+    sk_CancelPendingReads(fileObject);
     if (record != &SentrelData.ConsumerAuth && record->Tag == SK_RECORD_REGISTRATION && record->Size == sizeof(SK_CCB)) {
       ExFreeToPagedLookasideList(&SentrelData.CcbLookaside, record);
       fileObject->FsContext2 = NULL;

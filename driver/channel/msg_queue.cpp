@@ -1,15 +1,10 @@
 #include "channel/msg_queue.h"
 
-#include "channel/dispatch.h"
-#include "channel/routing.h"
-#include "channel/pending_reads.h"
-#include "channel/ring_buffer.h"
 #include "core/debug_log.h"
 #include "core/pool_tags.h"
 #include "core/record_tags.h"
 #include "core/sentrel_data.h"
 #include "monitor/callback_plus.h"
-#include "sentrel/packet.h"
 
 #define SK_MODULE SK_TRACE_PROCESS
 
@@ -394,7 +389,7 @@ NTSTATUS sk_DelProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId) {
   return STATUS_SUCCESS;
 }
 
-NTSTATUS sk_EnumProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, PVOID Context) {
+NTSTATUS sk_EnumProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, PSK_MSG_QUEUE_VISITOR Visit, PVOID Context) {
   NTSTATUS status = STATUS_INVALID_PARAMETER;
   PVOID restart = NULL;
   PSK_MSG_QUEUE queue;
@@ -403,7 +398,7 @@ NTSTATUS sk_EnumProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, PVOID Context) {
   sk_LockQueueTableShared(ProcMsgMgr);
   for (queue = (PSK_MSG_QUEUE)RtlEnumerateGenericTableWithoutSplayingAvl(&ProcMsgMgr->QueueTable, &restart); queue;
        queue = (PSK_MSG_QUEUE)RtlEnumerateGenericTableWithoutSplayingAvl(&ProcMsgMgr->QueueTable, &restart)) {
-    status = sk_EnumProducerInfo(queue, Context);
+    status = Visit(queue, Context);
     if (!NT_SUCCESS(status)) break;
   }
   sk_UnlockQueueTable(ProcMsgMgr);
@@ -414,145 +409,4 @@ VOID sk_ProcMsgNotfiy(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create) {
   UNREFERENCED_PARAMETER(ParentId);
   if (Create) return;
   sk_DelProcMsgQueue(&SentrelData.ProcMsgMgr, (ULONG)(ULONG_PTR)ProcessId);
-}
-
-#undef SK_MODULE
-#define SK_MODULE SK_TRACE_MSG
-
-// Copies a packet into a waiting read and completes it; FALSE (the read untouched) if its buffer
-// is too short or cannot be mapped.
-static BOOLEAN sk_FillRead(PIRP Irp, PVOID Msg, ULONG MsgLen) {
-  PVOID buffer;
-  if (IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length < MsgLen || !Irp->MdlAddress) return FALSE;
-  buffer = MmGetSystemAddressForMdlSafe(Irp->MdlAddress, NormalPagePriority);
-  if (!buffer) return FALSE;
-  RtlCopyMemory(buffer, Msg, MsgLen);
-  sk_CompleteIrp(Irp, STATUS_SUCCESS, MsgLen);
-  return TRUE;
-}
-
-// A read that was parked while this packet was being queued would otherwise wait for the next
-// packet: after queuing, a parked read of the handle is served from the queue (or parked again).
-static VOID sk_ServeLateRead(PFILE_OBJECT FileObject, ULONG ProcessId) {
-  PIRP irp;
-  if (!FileObject) return;
-  irp = sk_TakePendingRead(FileObject);
-  if (irp) sk_ServeRead(irp, ProcessId);
-}
-
-NTSTATUS sk_SendMsg(ULONG ProcessId, PVOID Msg, ULONG MsgLen) {
-  NTSTATUS status;
-  PSK_MSG_QUEUE queue = NULL;
-  PFILE_OBJECT fileObject;
-  PIRP irp;
-  PVOID copy;
-
-  SK_ENTER();
-  if (MsgLen < SK_PACKET_MIN_SIZE) {
-    SK_ERROR("MsgLen < sizeof(SK_PACKET)\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Leave;
-  }
-  if (sk_IsConsumerId(ProcessId) || ((PSK_PACKET)Msg)->DstType == SKT_CONSUMER) {
-    status = rb_WriteRingBuf(&SentrelData.RingBuf, Msg, MsgLen);
-    goto Leave;
-  }
-  sk_LockQueueTableShared(&SentrelData.ProcMsgMgr);
-  status = sk_GetProcMsgQueue(&SentrelData.ProcMsgMgr, ProcessId, NULL, &queue);
-  if (!NT_SUCCESS(status)) {
-    SK_ERROR("sk_GetProcMsgQueue fail Status:%08lx\n", status);
-    goto Exit;
-  }
-  fileObject = queue->FileObject;
-  irp = fileObject ? sk_TakePendingRead(fileObject) : NULL;
-  if (irp) {
-    if (sk_FillRead(irp, Msg, MsgLen)) {
-      SK_INFO("Send Msg:0x%p MsgLen:0x%0x\n", Msg, MsgLen);
-      status = STATUS_SUCCESS;
-      goto Exit;
-    }
-    SK_ERROR("Buffer Too Small.NeedLength:0x%0x\n", MsgLen);
-    sk_CompleteIrp(irp, STATUS_BUFFER_TOO_SMALL, MsgLen);
-  }
-  copy = ExAllocatePoolWithTag(PagedPool, MsgLen, SK_TAG_MSG_COPY);
-  if (!copy) {
-    SK_ERROR("NewMsg alloc fail\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
-  RtlCopyMemory(copy, Msg, MsgLen);
-  status = sk_AddMsgToMsgQueue(&SentrelData.ProcMsgMgr, ProcessId, copy, MsgLen);
-  if (!NT_SUCCESS(status)) {
-    ExFreePoolWithTag(copy, SK_TAG_MSG_COPY);
-    SK_ERROR("sk_AddMsgToMsgQueue fail Status:%08lx\n", status);
-    goto Exit;
-  }
-  SK_INFO("Add New Msg:0x%p MsgLen:0x%0x\n", copy, MsgLen);
-  sk_ServeLateRead(fileObject, ProcessId);
-Exit:
-  sk_UnlockQueueTable(&SentrelData.ProcMsgMgr);
-Leave:
-  SK_LEAVE(status);
-  return status;
-}
-
-NTSTATUS sk_SendMsgToConsumer(PVOID Msg, ULONG MsgLen) {
-  PSK_MSG_QUEUE consumer = &SentrelData.ConsumerMsgQueue;
-  NTSTATUS status;
-  PFILE_OBJECT fileObject = NULL;
-  PIRP irp = NULL;
-  PIRP tooSmall = NULL;
-  PVOID copy;
-  LONG count;
-
-  SK_ENTER();
-  if (MsgLen < SK_PACKET_MIN_SIZE) {
-    SK_ERROR("MsgLen < sizeof(SK_PACKET)\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Leave;
-  }
-  if (!(consumer->Flags & SK_MSG_QUEUE_USABLE)) {
-    SK_ERROR("ConsumerMsgQueue no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Leave;
-  }
-  if (SK_READ_ONCE(consumer->Flags) & SK_MSG_QUEUE_CONSUMER_REGISTERED) {
-    fileObject = (PFILE_OBJECT)SK_READ_ONCE(consumer->FileObject);
-    if (fileObject) irp = sk_TakePendingRead(fileObject);
-  }
-  if (irp) {
-    SK_INFO("Remove Irp[0x%p] to Queue\n", irp);
-    if (sk_FillRead(irp, Msg, MsgLen)) {
-      count = InterlockedIncrement(&SentrelData.DeliveredMsgCount);
-      DbgPrint("[T:0x%p] Msg Count:0x%0x\n", PsGetCurrentThread(), (ULONG)count);
-      count = InterlockedIncrement(&SentrelData.ReadMsgCount);
-      SK_INFO("[C:0x%0x] Read MsgNode:0x%p MsgLen:0x%0x\n", (ULONG)count, Msg, MsgLen);
-      status = STATUS_SUCCESS;
-      goto Leave;
-    }
-    tooSmall = irp;
-  }
-  copy = ExAllocatePoolWithTag(PagedPool, MsgLen, SK_TAG_MSG_COPY);
-  if (!copy) {
-    SK_ERROR("NewMsg alloc fail\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-  } else {
-    RtlCopyMemory(copy, Msg, MsgLen);
-    status = sk_AddMsgToConsumerMsgQueue(consumer, copy, MsgLen);
-    if (!NT_SUCCESS(status)) {
-      ExFreePoolWithTag(copy, SK_TAG_MSG_COPY);
-      SK_ERROR("sk_AddMsgToMsgQueue fail Status:%08lx\n", status);
-    } else {
-      SK_INFO("Add New Msg:0x%p MsgLen:0x%0x\n", copy, MsgLen);
-    }
-  }
-  if (tooSmall) {
-    SK_ERROR("[Irp:0x%p] Irp Buffer Too Small.NeedLength:0x%0x\n", tooSmall, MsgLen);
-    sk_CompleteIrp(tooSmall, STATUS_BUFFER_TOO_SMALL, MsgLen);
-    SK_INFO(" Complete Irp[0x%p]\n", tooSmall);
-  }
-  if (NT_SUCCESS(status)) sk_ServeLateRead(fileObject, SK_READ_ONCE(consumer->ProcessId));
-Leave:
-  SK_LEAVE(status);
-  return status;
 }

@@ -1,7 +1,7 @@
 // Message queues: control packets wait here, one queue per process that talks to the device and
-// one for the consumer, until their process reads them. A read that finds nothing waits in the
-// device's pending-read queue (pending_reads.h); a sender hands a packet straight to such a read
-// when there is one, and queues it otherwise. Queues are bounded: the oldest packets go first.
+// one for the consumer, until their process reads them. The queues only hold packets: pairing them
+// with reads that wait is the pending reads' part (pending_reads.h). Queues are bounded: the
+// oldest packets go first.
 //
 // Queue lifetime: a queue found in the table is used only while the table's lock is held shared,
 // so the exit of its process (which deletes the queue under the lock held exclusive) waits until
@@ -49,13 +49,11 @@ NTSTATUS sk_AddMsgToMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PVOID
 NTSTATUS sk_AddMsgToConsumerMsgQueue(PSK_MSG_QUEUE ConsumerMsgQueue, PVOID Msg, ULONG MsgLen);
 VOID sk_ClearMsgQueue(PSK_MSG_QUEUE Queue);
 NTSTATUS sk_DelProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId);
-// Calls the broadcast step for every queue, with the table lock held shared.
-NTSTATUS sk_EnumProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, PVOID Context);
+// Calls Visit for every queue, with the table lock held shared, until a visit fails; the last
+// visit's status, or STATUS_INVALID_PARAMETER for an empty table.
+typedef NTSTATUS (*PSK_MSG_QUEUE_VISITOR)(PSK_MSG_QUEUE Queue, PVOID Context);
+NTSTATUS sk_EnumProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, PSK_MSG_QUEUE_VISITOR Visit, PVOID Context);
 VOID sk_FreeMsgNode(PSK_MSG_NODE Node);
 
 // Process subscriber: an exiting process's queue goes with it.
 VOID sk_ProcMsgNotfiy(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create);
-
-// Delivery of a control packet to a process other than the consumer, or to the consumer.
-NTSTATUS sk_SendMsg(ULONG ProcessId, PVOID Msg, ULONG MsgLen);
-NTSTATUS sk_SendMsgToConsumer(PVOID Msg, ULONG MsgLen);

@@ -1,6 +1,7 @@
 #include "channel/routing.h"
 
 #include "channel/msg_queue.h"
+#include "channel/pending_reads.h"
 #include "channel/registration.h"
 #include "core/debug_log.h"
 #include "core/pool_tags.h"
@@ -68,7 +69,7 @@ NTSTATUS sk_ProducerControl(PVOID Packet, ULONG Length, PULONG_PTR Information) 
     broadcast.Packet = Packet;
     broadcast.Length = Length;
     broadcast.Information = Information;
-    sk_EnumProcMsgQueue(&SentrelData.ProcMsgMgr, &broadcast);
+    sk_EnumProcMsgQueue(&SentrelData.ProcMsgMgr, sk_EnumProducerInfo, &broadcast);
     status = broadcast.Status;
   } else if (packet->DstType == SKT_PRODUCER) {
     SK_INFO("SKT_PRODUCER\n");

@@ -29,4 +29,5 @@
 #define SK_FULL_BARRIER() KeMemoryBarrier()
 #endif
 
+#include "annotations.h"
 #include "kernel/io_create_device_secure.h"

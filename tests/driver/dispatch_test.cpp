@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "channel_test_support.h"
+#include "core/pool_tags.h"
 #include "sentrel_sdk/ring_reader.h"
 #include "sentrel/ring_buffer.h"
 
@@ -352,6 +353,80 @@ TEST_F(DispatchTest, AReadAndASendThatCrossStillMeet) {
   ASSERT_TRUE(late.io);
   ASSERT_TRUE(late.Done()) << "the packet waits in the queue beside a parked read";
   EXPECT_EQ(late.Bytes(), second);
+}
+
+// Once parked, a read is the queue's: a sender on another thread may complete it and the I/O
+// manager free it while the read's own dispatch routine is still running. Caught just after the
+// read is parked, a sender delivers one packet into it and queues a second; the reader's dispatch
+// routine must then leave the freed request alone, and the second packet waits for the next read.
+TEST_F(DispatchTest, AParkedReadCompletedByASenderIsNotTouchedAgain) {
+  Client producer = Start(u"producer.exe");
+  Client sender = Start(u"sender.exe");
+  HANDLE in = producer.Open();
+  ASSERT_EQ(producer.Register(in, IOCTL_APP_REGISTER_PRODUCER).result.status, STATUS_SUCCESS);
+  HANDLE out = sender.Open(false);
+
+  std::vector<uint8_t> first = Control(SKT_PRODUCER, producer.Pid(), 4, 0x01);
+  std::vector<uint8_t> second = Control(SKT_PRODUCER, producer.Pid(), 4, 0x02);
+  std::atomic<bool> armed{true};
+  world.kernel().io.SetCsqHook([&](CsqStep step) {
+    if (step != CsqStep::Inserted || !armed.exchange(false)) return;
+    std::thread([&] {
+      EXPECT_EQ(sender.Write(out, first).status, STATUS_SUCCESS);
+      EXPECT_EQ(sender.Write(out, second).status, STATUS_SUCCESS);
+    }).join();
+  });
+  Client::Read read = producer.StartRead(in);
+  world.kernel().io.SetCsqHook(nullptr);
+  ASSERT_TRUE(read.Done());
+  EXPECT_EQ(read.Bytes(), first);
+  Client::Read next = producer.StartRead(in);
+  ASSERT_TRUE(next.Done());
+  EXPECT_EQ(next.Bytes(), second);
+}
+
+// A packet for the consumer whose sender is overtaken by the consumer's exit: a read on a handle
+// the consumer shared with another process is parked meanwhile. No queue may be made for the
+// consumer that is gone (nor for process id 0), and the packet waits for the next consumer.
+TEST_F(DispatchTest, APacketForAConsumerThatExitsMeanwhileWaitsForTheNextOne) {
+  UserProcess& agentProcess = world.StartProcess(u"agent.exe");
+  Client agent(world, agentProcess);
+  Client child = Start(u"child.exe");
+  Client sender = Start(u"sender.exe");
+  HANDLE registered = agent.Open();
+  ASSERT_EQ(agent.Register(registered, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
+  HANDLE shared = nullptr;
+  ASSERT_EQ(agentProcess.DuplicateHandle(registered, child.Process(), &shared), STATUS_SUCCESS);
+  HANDLE out = sender.Open(false);
+
+  std::vector<uint8_t> packet = Control(SKT_CONSUMER, 0, 4, 0x33);
+  Client::Read parked;
+  std::atomic<bool> armed{true};
+  world.kernel().io.SetCsqHook([&](CsqStep step) {
+    if (step != CsqStep::FoundNothing || !armed.exchange(false)) return;
+    std::thread([&] {
+      parked = child.StartRead(shared);
+      world.ExitProcess(agentProcess);
+    }).join();
+  });
+  EXPECT_EQ(sender.Write(out, packet).status, STATUS_SUCCESS);
+  world.kernel().io.SetCsqHook(nullptr);
+  ASSERT_TRUE(parked.io);
+  EXPECT_FALSE(parked.Done(50)) << "a consumer's packet reached a read after the consumer had gone";
+
+  world.ExitProcess(child.Process());
+  ASSERT_TRUE(parked.Done());
+  EXPECT_EQ(parked.io->Result().status, STATUS_CANCELLED);
+  size_t queues = 0;
+  for (const PoolBlock& block : world.kernel().pool.Outstanding()) queues += block.tag == SK_TAG_MSG_QUEUE_TABLE;
+  EXPECT_EQ(queues, 0u) << "a queue outlived every process that used the device";
+
+  Client next = Start(u"agent2.exe");
+  HANDLE again = next.Open();
+  ASSERT_EQ(next.Register(again, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
+  Client::Read read = next.StartRead(again);
+  ASSERT_TRUE(read.Done());
+  EXPECT_EQ(read.Bytes(), packet);
 }
 
 // Many producers send to each other and read, while some of them exit in the middle of reads:

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "channel/msg_queue.h"
+#include "channel/pending_reads.h"
 #include "path_test_support.h"
 #include "sentrel/packet_build.h"
 

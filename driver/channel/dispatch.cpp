@@ -56,6 +56,13 @@ NTSTATUS sk_Write(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
       break;
     case SKPT_CONTROL:
       SK_INFO("SKPT_CONTROL\n");
+      // No longer than the largest event packet: a control packet waits in pool until it is read,
+      // and any process may write one.
+      if (length > RB_MAX_PACKET_LENGTH) {
+        SK_ERROR("Control Packet Too Long:0x%0x\n", length);
+        status = STATUS_INVALID_BUFFER_SIZE;
+        break;
+      }
       status = sk_Commu_Control(packet, length, &information);
       break;
     default:
@@ -194,6 +201,9 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
       status = sk_AppRegister(code, stack->FileObject, mapped, outputLength, &information);
       break;
     case IOCTL_SK_MAP_RINGBUF:
+      // Consumer only: a mapping moves the buffers into the caller's address space, so any other
+      // process that could take it would blind the consumer to every event.
+      if (sk_RefuseNonConsumer(&status, &information)) break;
       if (!Irp->MdlAddress) {
         SK_ERROR("!Irp->MdlAddress\n");
         information = SK_NO_INFORMATION;

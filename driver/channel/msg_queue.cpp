@@ -49,10 +49,13 @@ VOID sk_FreeMsgNode(PSK_MSG_NODE Node) {
 // Takes the oldest node off a queue whose lock the caller holds; null when it is empty.
 static PSK_MSG_NODE sk_TakeOldest(PSK_MSG_QUEUE Queue) {
   PLIST_ENTRY entry;
+  PSK_MSG_NODE node;
   if (IsListEmpty(&Queue->MsgList)) return NULL;
   entry = RemoveHeadList(&Queue->MsgList);
   InterlockedDecrement(&Queue->MsgCount);
-  return CONTAINING_RECORD(entry, SK_MSG_NODE, Link);
+  node = CONTAINING_RECORD(entry, SK_MSG_NODE, Link);
+  Queue->MsgBytes -= node->MsgLen;
+  return node;
 }
 
 static PSK_MSG_QUEUE sk_LookupQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId) {
@@ -271,8 +274,10 @@ NTSTATUS sk_ReInsertMsgNodeToMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG Process
   status = sk_GetProcMsgQueue(ProcMsgMgr, ProcessId, NULL, &queue);
   if (NT_SUCCESS(status)) {
     ExAcquireFastMutex(queue->MsgQueueLock);
+    // Back behind the others, and not held to the byte budget: it was accepted before.
     InsertTailList(&queue->MsgList, &Node->Link);
     InterlockedIncrement(&queue->MsgCount);
+    queue->MsgBytes += Node->MsgLen;
     ExReleaseFastMutex(queue->MsgQueueLock);
     SK_INFO("ReInsert MsgNode:0x%p\n", Node);
   } else {
@@ -295,13 +300,23 @@ static PSK_MSG_NODE sk_NewMsgNode(PVOID Msg, ULONG MsgLen) {
   return node;
 }
 
-// Appends the node to a queue and drops the oldest packets once the queue reaches its limit.
-static VOID sk_AppendBounded(PSK_MSG_QUEUE Queue, PSK_MSG_NODE Node, LONG Limit, ULONG Drop, BOOLEAN Consumer) {
+// Appends the node to a queue and drops the oldest packets once the queue reaches its limit. A
+// packet that would pass the byte budget is refused instead (the node stays the caller's), so that
+// nothing already queued is lost for it.
+static NTSTATUS sk_AppendBounded(PSK_MSG_QUEUE Queue, PSK_MSG_NODE Node, LONG Limit, ULONG Drop, ULONG ByteBudget,
+                                 BOOLEAN Consumer) {
   PSK_MSG_NODE oldest;
   ULONG i;
 
   ExAcquireFastMutex(Queue->MsgQueueLock);
+  if (Node->MsgLen > ByteBudget - Queue->MsgBytes) {
+    ExReleaseFastMutex(Queue->MsgQueueLock);
+    SK_ERROR("Msg Queue Over Budget Pid:%d Bytes:0x%0x MsgLen:0x%0x\n", Queue->ProcessId, Queue->MsgBytes,
+             Node->MsgLen);
+    return STATUS_QUOTA_EXCEEDED;
+  }
   InsertTailList(&Queue->MsgList, &Node->Link);
+  Queue->MsgBytes += Node->MsgLen;
   if (Consumer) SK_INFO("Insert Node:0x%p to Tail\n", Node);
   else SK_INFO("Add New MsgNode:0x%p\n", Node);
   if (InterlockedIncrement(&Queue->MsgCount) >= Limit) {
@@ -313,10 +328,12 @@ static VOID sk_AppendBounded(PSK_MSG_QUEUE Queue, PSK_MSG_NODE Node, LONG Limit,
         SK_INFO("[T:0x%p] Over Free MsgNode:0x%p Msg:0x%p MsgLen:0x%0x\n", PsGetCurrentThread(), oldest, oldest->Msg,
                 oldest->MsgLen);
       }
+      ++Queue->EvictedCount;
       sk_FreeMsgNode(oldest);
     }
   }
   ExReleaseFastMutex(Queue->MsgQueueLock);
+  return STATUS_SUCCESS;
 }
 
 NTSTATUS sk_AddMsgToMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PVOID Msg, ULONG MsgLen) {
@@ -338,13 +355,15 @@ NTSTATUS sk_AddMsgToMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PVOID
     status = STATUS_INSUFFICIENT_RESOURCES;
     goto Exit;
   }
-  sk_AppendBounded(queue, node, SK_PROCESS_QUEUE_LIMIT, SK_PROCESS_QUEUE_DROP, FALSE);
+  status = sk_AppendBounded(queue, node, SK_PROCESS_QUEUE_LIMIT, SK_PROCESS_QUEUE_DROP, SK_PROCESS_QUEUE_BYTES, FALSE);
+  if (!NT_SUCCESS(status)) ExFreeToPagedLookasideList(&SentrelData.MsgNodeLookaside, node);
 Exit:
   sk_UnlockQueueTable(ProcMsgMgr);
   return status;
 }
 
 NTSTATUS sk_AddMsgToConsumerMsgQueue(PSK_MSG_QUEUE ConsumerMsgQueue, PVOID Msg, ULONG MsgLen) {
+  NTSTATUS status;
   PSK_MSG_NODE node;
 
   if (!(ConsumerMsgQueue->Flags & SK_MSG_QUEUE_USABLE)) {
@@ -356,8 +375,10 @@ NTSTATUS sk_AddMsgToConsumerMsgQueue(PSK_MSG_QUEUE ConsumerMsgQueue, PVOID Msg, 
     SK_ERROR("MsgNode alloc fail\n");
     return STATUS_INSUFFICIENT_RESOURCES;
   }
-  sk_AppendBounded(ConsumerMsgQueue, node, SK_CONSUMER_QUEUE_LIMIT, SK_CONSUMER_QUEUE_DROP, TRUE);
-  return STATUS_SUCCESS;
+  status = sk_AppendBounded(ConsumerMsgQueue, node, SK_CONSUMER_QUEUE_LIMIT, SK_CONSUMER_QUEUE_DROP,
+                            SK_CONSUMER_QUEUE_BYTES, TRUE);
+  if (!NT_SUCCESS(status)) ExFreeToPagedLookasideList(&SentrelData.MsgNodeLookaside, node);
+  return status;
 }
 
 VOID sk_ClearMsgQueue(PSK_MSG_QUEUE Queue) {
@@ -382,6 +403,7 @@ NTSTATUS sk_DelProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId) {
   if (queue) {
     SK_INFO("Clear All Msg\n");
     sk_ClearMsgQueue(queue);
+    ProcMsgMgr->EvictedByGoneQueues += queue->EvictedCount;
     ExFreeToNPagedLookasideList(&SentrelData.MutexLookaside, queue->MsgQueueLock);
     RtlDeleteElementGenericTableAvl(&ProcMsgMgr->QueueTable, queue);
   }
@@ -403,6 +425,35 @@ NTSTATUS sk_EnumProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, PSK_MSG_QUEUE_VISITOR 
   }
   sk_UnlockQueueTable(ProcMsgMgr);
   return status;
+}
+
+static ULONG64 sk_EvictedCount(PSK_MSG_QUEUE Queue) {
+  ULONG64 evicted;
+  ExAcquireFastMutex(Queue->MsgQueueLock);
+  evicted = Queue->EvictedCount;
+  ExReleaseFastMutex(Queue->MsgQueueLock);
+  return evicted;
+}
+
+VOID sk_QueryMsgQueueEvictions(PSK_PROC_MSG_MGR ProcMsgMgr, PULONG64 ConsumerEvicted, PULONG64 ProcessesEvicted,
+                               PSK_EVICTION_VISITOR Visit, PVOID Context) {
+  PSK_MSG_QUEUE consumer = &SentrelData.ConsumerMsgQueue;
+  PVOID restart = NULL;
+  PSK_MSG_QUEUE queue;
+  ULONG64 evicted;
+
+  *ConsumerEvicted = (consumer->Flags & SK_MSG_QUEUE_USABLE) ? sk_EvictedCount(consumer) : 0;
+  *ProcessesEvicted = 0;
+  if (!(ProcMsgMgr->Flags & SK_PROC_MSG_MGR_INITED)) return;
+  sk_LockQueueTableShared(ProcMsgMgr);
+  *ProcessesEvicted = ProcMsgMgr->EvictedByGoneQueues;
+  for (queue = (PSK_MSG_QUEUE)RtlEnumerateGenericTableWithoutSplayingAvl(&ProcMsgMgr->QueueTable, &restart); queue;
+       queue = (PSK_MSG_QUEUE)RtlEnumerateGenericTableWithoutSplayingAvl(&ProcMsgMgr->QueueTable, &restart)) {
+    evicted = sk_EvictedCount(queue);
+    *ProcessesEvicted += evicted;
+    if (evicted) Visit(queue->ProcessId, evicted, Context);
+  }
+  sk_UnlockQueueTable(ProcMsgMgr);
 }
 
 VOID sk_ProcMsgNotfiy(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create) {

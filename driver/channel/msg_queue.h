@@ -16,6 +16,13 @@
 #define SK_PROCESS_QUEUE_DROP 8
 #define SK_CONSUMER_QUEUE_LIMIT 16384  // reaching it drops the 2048 oldest packets
 #define SK_CONSUMER_QUEUE_DROP 2048
+// What a queue may hold in bytes; a packet that would pass it is refused (STATUS_QUOTA_EXCEEDED)
+// and nothing queued is dropped for it. Without a byte bound any process could keep 2048 packets of
+// the largest size, 128 MiB of pool, in a queue nobody reads. Control packets are commands of a few
+// dozen to a few hundred bytes: a producer's queue holds 2048 packets of 512 bytes, the consumer's,
+// which every producer sends to, 16384 of them, before the budget is reached.
+#define SK_PROCESS_QUEUE_BYTES (1024u * 1024u)
+#define SK_CONSUMER_QUEUE_BYTES (8u * 1024u * 1024u)
 
 typedef struct _SK_PROC_MSG_MGR {
   USHORT Tag;  // SK_RECORD_PROC_MSG_MGR
@@ -23,6 +30,7 @@ typedef struct _SK_PROC_MSG_MGR {
   ULONG Flags;
   RTL_AVL_TABLE QueueTable;  // SK_MSG_QUEUE elements keyed by process id
   ERESOURCE QueueTableLock;  // inside a critical region; shared to use a queue, exclusive to add or delete
+  ULONG64 EvictedByGoneQueues;  // what deleted queues had evicted; under QueueTableLock held exclusive
 } SK_PROC_MSG_MGR, *PSK_PROC_MSG_MGR;
 
 NTSTATUS sk_InitProcMsgMgr(PSK_PROC_MSG_MGR ProcMsgMgr);
@@ -54,6 +62,13 @@ NTSTATUS sk_DelProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId);
 typedef NTSTATUS (*PSK_MSG_QUEUE_VISITOR)(PSK_MSG_QUEUE Queue, PVOID Context);
 NTSTATUS sk_EnumProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, PSK_MSG_QUEUE_VISITOR Visit, PVOID Context);
 VOID sk_FreeMsgNode(PSK_MSG_NODE Node);
+
+// The packets the queues have dropped to make room. ConsumerEvicted and ProcessesEvicted count
+// since start (ProcessesEvicted also what queues gone with their process had dropped); Visit is
+// called, with the table lock held shared, for every process queue that has dropped packets.
+typedef VOID (*PSK_EVICTION_VISITOR)(ULONG ProcessId, ULONG64 Evicted, PVOID Context);
+VOID sk_QueryMsgQueueEvictions(PSK_PROC_MSG_MGR ProcMsgMgr, PULONG64 ConsumerEvicted, PULONG64 ProcessesEvicted,
+                               PSK_EVICTION_VISITOR Visit, PVOID Context);
 
 // Process subscriber: an exiting process's queue goes with it.
 VOID sk_ProcMsgNotfiy(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create);

@@ -23,4 +23,6 @@ typedef struct _SK_MSG_QUEUE {
   PFILE_OBJECT FileObject;
   LIST_ENTRY MsgList;
   PFAST_MUTEX MsgQueueLock;  // from the fast-mutex lookaside list
+  ULONG MsgBytes;            // the packets' lengths added up; under MsgQueueLock
+  ULONG64 EvictedCount;      // packets dropped to make room, since the queue was made; under MsgQueueLock
 } SK_MSG_QUEUE, *PSK_MSG_QUEUE;

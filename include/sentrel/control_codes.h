@@ -4,7 +4,8 @@
 //
 // Who may send what:
 //   kernel only   - the register/unregister/interface codes: a request from user mode is refused
-//   consumer only - IOCTL_SK_ADD_WHITE_RULE, IOCTL_SK_EVENT_MASK: the caller must be the consumer
+//   consumer only - IOCTL_SK_ADD_WHITE_RULE, IOCTL_SK_EVENT_MASK, IOCTL_SK_MAP_RINGBUF: the caller
+//                   must be the consumer
 //   anyone        - the rest
 #pragma once
 
@@ -51,8 +52,8 @@
 #define IOCTL_SK_QUERY_PACKCOMINFO SK_CTL_CODE(0x007, SK_METHOD_OUT_DIRECT)
 // Out (direct buffer, at least 24 bytes): SENTREL_AUTH_COMMUID (packet.h).
 #define IOCTL_APP_REGISTER_CONSUMER SK_CTL_CODE(0x008, SK_METHOD_OUT_DIRECT)
-// Out (direct buffer, more than 16 bytes): the ring-buffer mapping record; it needs 16 + 8 bytes
-// per ring buffer.
+// Consumer only. Out (direct buffer, more than 16 bytes): the ring-buffer mapping record; it needs
+// 16 + 8 bytes per ring buffer.
 #define IOCTL_SK_MAP_RINGBUF SK_CTL_CODE(0x00A, SK_METHOD_OUT_DIRECT)
 // Consumer only. In: exactly 8 bytes, the new event mask, or SK_EVENT_MASK_QUERY to read it; out,
 // for a query: exactly 8 bytes, the current mask.

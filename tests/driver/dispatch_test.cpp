@@ -199,6 +199,41 @@ TEST_F(DispatchTest, QueuesDropTheirOldestPacketsAtTheirLimits) {
   EXPECT_EQ(seen.back(), 16384u);
 }
 
+// A control packet is no longer than the largest event packet, and a queue holds a bounded number
+// of bytes: a packet past the budget is refused and the queued ones are all still read.
+TEST_F(DispatchTest, ControlPacketsAndQueuesAreBoundedInBytes) {
+  Client producer = Start(u"producer.exe");
+  Client agent = Start(u"agent.exe");
+  HANDLE in = producer.Open(false);
+  ASSERT_EQ(producer.Register(in, IOCTL_APP_REGISTER_PRODUCER).result.status, STATUS_SUCCESS);
+  HANDLE control = agent.Open(false);
+  ASSERT_EQ(agent.Register(control, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
+  constexpr uint32_t kLargestBody = RB_MAX_PACKET_LENGTH - SK_PACKET_HEADER_SIZE;
+
+  EXPECT_EQ(agent.Write(control, Control(SKT_PRODUCER, producer.Pid(), kLargestBody + 1)).status,
+            STATUS_INVALID_BUFFER_SIZE);
+
+  auto fill = [](Client& writer, HANDLE handle, uint32_t dstType, uint32_t dstPid, uint8_t count) {
+    for (uint8_t n = 0; n < count; ++n) {
+      EXPECT_EQ(writer.Write(handle, Control(dstType, dstPid, kLargestBody, n)).status, STATUS_SUCCESS) << int(n);
+    }
+    EXPECT_EQ(writer.Write(handle, Control(dstType, dstPid, kLargestBody, count)).status, STATUS_QUOTA_EXCEEDED);
+  };
+  auto readAll = [](Client& reader, HANDLE handle, uint32_t dstType, uint32_t dstPid, uint8_t count) {
+    for (uint8_t n = 0; n < count; ++n) {
+      Client::Read read = reader.StartRead(handle, RB_SLOT_SIZE);
+      ASSERT_TRUE(read.Done());
+      EXPECT_EQ(read.Bytes(), Control(dstType, dstPid, kLargestBody, n)) << int(n);
+    }
+  };
+  // A producer's queue takes 1 MiB: sixteen of the largest packets; the consumer's 8 MiB.
+  fill(agent, control, SKT_PRODUCER, producer.Pid(), 16);
+  readAll(producer, producer.Open(), SKT_PRODUCER, producer.Pid(), 16);
+  EXPECT_EQ(agent.Write(control, Control(SKT_PRODUCER, producer.Pid())).status, STATUS_SUCCESS) << "room again";
+  fill(producer, in, SKT_CONSUMER, 0, 128);
+  readAll(agent, agent.Open(), SKT_CONSUMER, 0, 128);
+}
+
 TEST_F(DispatchTest, BroadcastsReachEveryProducerButTheConsumer) {
   Client agent = Start(u"agent.exe");
   Client one = Start(u"one.exe");
@@ -269,11 +304,14 @@ TEST_F(DispatchTest, BadPacketsAndRequestsAreRefused) {
   EXPECT_EQ(reserved.status, STATUS_NOT_IMPLEMENTED);
   EXPECT_EQ(reserved.information, ~ULONG_PTR(0));
   IoResult map = app.Process().DeviceIoControl(h, IOCTL_SK_MAP_RINGBUF, nullptr, 0, in, 16);
+  EXPECT_EQ(map.status, STATUS_ACCESS_DENIED);
+  EXPECT_EQ(map.information, ~ULONG_PTR(0));
+
+  // The consumer learns how large the mapping record is, sets the event mask and reads it back.
+  ASSERT_EQ(app.Register(h, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
+  map = app.Process().DeviceIoControl(h, IOCTL_SK_MAP_RINGBUF, nullptr, 0, in, 16);
   EXPECT_EQ(map.status, STATUS_INVALID_PARAMETER);
   EXPECT_EQ(map.information, RING_BUF_MAP_INFO_SIZE(4));
-
-  // The consumer sets the event mask and reads it back.
-  ASSERT_EQ(app.Register(h, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
   uint64_t value = 0x6;
   EXPECT_EQ(app.Process().DeviceIoControl(h, IOCTL_SK_EVENT_MASK, &value, 8, nullptr, 0).status, STATUS_SUCCESS);
   uint64_t query = SK_EVENT_MASK_QUERY, current = 0;
@@ -298,6 +336,12 @@ TEST_F(DispatchTest, EventsFromAProducerReachTheConsumersRingBuffers) {
   EXPECT_EQ(mapped.information, info.size());
   std::optional<sentrel_sdk::RingReader> reader = sentrel_sdk::RingReader::FromMapInfo(info.data(), info.size());
   ASSERT_TRUE(reader.has_value());
+  // Another process cannot take the mapping away from the consumer.
+  HANDLE other = producer.Open(false);
+  std::vector<uint8_t> stolen(info.size());
+  IoResult refused = producer.Process().DeviceIoControl(other, IOCTL_SK_MAP_RINGBUF, nullptr, 0, stolen.data(),
+                                                         static_cast<ULONG>(stolen.size()));
+  EXPECT_EQ(refused.status, STATUS_ACCESS_DENIED);
 
   HANDLE p = producer.Open(false);
   ASSERT_EQ(producer.Register(p, IOCTL_APP_REGISTER_PRODUCER).result.status, STATUS_SUCCESS);

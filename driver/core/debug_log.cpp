@@ -127,10 +127,41 @@ static ULONG *sk_DebugLevelOf(PCUNICODE_STRING ValueName) {
   return NULL;
 }
 
+// The part of a key name under \REGISTRY\MACHINE\SYSTEM\ that follows the control set, from its
+// backslash on ("\Services\Sentrel\Debug"); FALSE if the name is not of that form.
+static BOOLEAN sk_ControlSetRest(PCUNICODE_STRING KeyName, PUNICODE_STRING Rest) {
+  static const WCHAR systemKey[] = L"\\REGISTRY\\MACHINE\\SYSTEM\\";
+  UNICODE_STRING head, prefix;
+  USHORT i;
+  USHORT count = KeyName->Length / sizeof(WCHAR);
+  USHORT start = (USHORT)(sizeof(systemKey) / sizeof(WCHAR) - 1);
+
+  RtlInitUnicodeString(&prefix, systemKey);
+  if (KeyName->Length <= prefix.Length) return FALSE;
+  head.Buffer = KeyName->Buffer;
+  head.Length = head.MaximumLength = prefix.Length;
+  if (!RtlEqualUnicodeString(&head, &prefix, TRUE)) return FALSE;
+  i = start;
+  while (i < count && KeyName->Buffer[i] != L'\\') ++i;
+  if (i == start || i == count) return FALSE;  // no control set, or nothing below it
+  Rest->Buffer = KeyName->Buffer + i;
+  Rest->Length = Rest->MaximumLength = (USHORT)((count - i) * sizeof(WCHAR));
+  return TRUE;
+}
+
+// Whether a key is the driver's own Debug key: the one under the service key the driver was started
+// with, in whichever control set (the key object's name names the set itself, ControlSet001 or
+// another, never the CurrentControlSet link). A key whose name merely ends in "Sentrel\Debug"
+// is not enough: any user could make one in their own hive and switch the kernel's log on.
+static BOOLEAN sk_IsOwnDebugKey(PCUNICODE_STRING KeyName) {
+  UNICODE_STRING keyRest, ownRest;
+  if (!sk_ControlSetRest(DebugKeyPath, &ownRest)) return RtlEqualUnicodeString(KeyName, DebugKeyPath, TRUE);
+  return sk_ControlSetRest(KeyName, &keyRest) && RtlEqualUnicodeString(&keyRest, &ownRest, TRUE);
+}
+
 // Every field of the caller's notification is copied through the guarded copy before it is used:
 // a fault in any of them leaves both levels as they were. The write itself is never blocked.
 NTSTATUS sk_DebugRegistryCallback(PVOID CallbackContext, PVOID Argument1, PVOID Argument2) {
-  static const WCHAR suffix[] = L"Sentrel\\Debug";
   REG_SET_VALUE_KEY_INFORMATION info;
   UNICODE_STRING valueName;
   WCHAR nameBuffer[16];
@@ -154,13 +185,7 @@ NTSTATUS sk_DebugRegistryCallback(PVOID CallbackContext, PVOID Argument1, PVOID 
   if (!NT_SUCCESS(skt_SafeCopyMemory(&value, info.Data, sizeof(value)))) return STATUS_SUCCESS;
 
   if (!NT_SUCCESS(skt_GetNameInfo(info.Object, &keyName))) return STATUS_SUCCESS;
-  if (keyName->Length >= DebugKeyPath->Length && keyName->Length >= sizeof(suffix) - sizeof(WCHAR)) {
-    UNICODE_STRING tail, expected;
-    RtlInitUnicodeString(&expected, suffix);
-    tail.Buffer = keyName->Buffer + (keyName->Length - expected.Length) / sizeof(WCHAR);
-    tail.Length = tail.MaximumLength = expected.Length;
-    if (RtlEqualUnicodeString(&tail, &expected, TRUE)) SK_WRITE_ONCE(*level, value);
-  }
+  if (sk_IsOwnDebugKey(keyName)) SK_WRITE_ONCE(*level, value);
   skt_FreeUnicodeStringSelf(keyName);
   return STATUS_SUCCESS;
 }

@@ -176,10 +176,22 @@ TEST_F(DebugLogTest, RegistryWritesUnderTheDebugKeyChangeTheLevelBeforeTheWriteR
   EXPECT_EQ(PrintLevel, 1u);
   EXPECT_EQ(TraceLevel, 0x4u);
 
-  // A key under the driver's key that also ends in "Sentrel\Debug" is taken: the rule is the name's end.
+  // Only the driver's own Debug key counts, in any control set: not another key whose name ends in
+  // "Sentrel\Debug", neither below the driver's key nor in a user's own hive.
   std::u16string nested = std::u16string(World::ServiceKeyPath()) + u"\\Nested\\Sentrel\\Debug";
   EXPECT_EQ(world.SetRegistryDword(nested, u"TraceLevel", 0x10), STATUS_SUCCESS);
+  ntsim::UserProcess& user = world.StartProcess(u"user.exe");
+  std::u16string userKey = u"\\REGISTRY\\USER\\" + std::u16string(World::LoggedOnUserSid()) +
+                           u"\\Software\\Services\\Sentrel\\Debug";
+  ULONG all = 0xFFFFFFFF;
+  EXPECT_EQ(user.SetRegistryValue(userKey, u"TraceLevel", REG_DWORD, &all, sizeof all), STATUS_SUCCESS);
+  EXPECT_EQ(user.SetRegistryValue(userKey, u"PrintLevel", REG_DWORD, &all, sizeof all), STATUS_SUCCESS);
+  EXPECT_EQ(PrintLevel, 1u);
+  EXPECT_EQ(TraceLevel, 0x4u);
+  std::u16string otherSet = u"\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet002\\Services\\SENTREL\\Debug";
+  EXPECT_EQ(world.SetRegistryDword(otherSet, u"TraceLevel", 0x10), STATUS_SUCCESS);
   EXPECT_EQ(TraceLevel, 0x10u);
+  world.ExitProcess(user);
 
   EXPECT_EQ(CmUnRegisterCallback(cookie), STATUS_SUCCESS);
 }

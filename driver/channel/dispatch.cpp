@@ -1,6 +1,7 @@
 #include "channel/dispatch.h"
 
 #include "channel/complete_request.h"
+#include "channel/loss_report.h"
 #include "channel/pending_reads.h"
 #include "channel/registration.h"
 #include "channel/ring_buffer.h"
@@ -222,6 +223,17 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
       length = outputLength;
       status = rb_GetRingBufInternal(&SentrelData.RingBuf, IoGetCurrentProcess(), mapped, &length);
       information = length;
+      break;
+    case IOCTL_SK_QUERY_LOSSES:
+      SK_INFO("IOCTL_SK_QUERY_LOSSES\n");
+      if (sk_RefuseNonConsumer(&status, &information)) break;
+      // With no output buffer at all the answer is only the length it needs.
+      mapped = Irp->MdlAddress ? sk_MapDirectBuffer(Irp) : NULL;
+      if (Irp->MdlAddress && !mapped) {
+        status = STATUS_INSUFFICIENT_RESOURCES;
+        break;
+      }
+      status = sk_QueryLossCounters(mapped, mapped ? outputLength : 0, &information);
       break;
     case IOCTL_SK_EVENT_MASK:
       if (sk_RefuseNonConsumer(&status, &information)) break;

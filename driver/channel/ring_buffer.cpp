@@ -29,6 +29,34 @@ static BOOLEAN rb_TakeSlot(PRB_SLOT_HEADER Header) {
 // Gives a slot back; the exchange is a full barrier, so it publishes whatever was written before it.
 static VOID rb_FreeSlot(PRB_SLOT_HEADER Header) { InterlockedExchange(rb_SlotState(Header), (LONG)RB_SLOT_FREE); }
 
+// The buffer's loss counters, in the header of its slot 0, which the consumer reads in place.
+static volatile LONG64 *rb_OverwrittenCounter(PUCHAR Buffer) {
+  return (volatile LONG64 *)&rb_SlotHeader(Buffer, 0)->OverwrittenRecords;
+}
+static volatile LONG64 *rb_DroppedCounter(PUCHAR Buffer) {
+  return (volatile LONG64 *)&rb_SlotHeader(Buffer, 0)->DroppedPackets;
+}
+
+// The records of a slot that nobody has read: the consumer sets WriteOffset back to the start once
+// it has read a slot, so these are the whole records up to WriteOffset. Called by the writer that
+// holds the slot, on the way to emptying it; the bounds hold whatever the consumer wrote there.
+static ULONG rb_UnreadRecords(PRB_SLOT_HEADER Header) {
+  PUCHAR base = (PUCHAR)Header;
+  ULONG end = SK_READ_ONCE(Header->WriteOffset);
+  ULONG offset = RB_SLOT_HEADER_SIZE;
+  ULONG count = 0;
+  ULONG length;
+
+  if (end > RB_SLOT_SIZE) return 0;
+  while (end >= offset + RB_RECORD_LENGTH_SIZE) {
+    RtlCopyMemory(&length, base + offset, sizeof(length));
+    if (length == 0 || length > end - offset - RB_RECORD_LENGTH_SIZE) break;
+    ++count;
+    offset += RB_RECORD_LENGTH_SIZE + length;
+  }
+  return count;
+}
+
 // Empties every slot that the consumer holds and gives it back to the writers.
 static VOID rb_ResetReadingSlots(PSK_RING_BUF RingBuf) {
   ULONG i, s;
@@ -298,6 +326,7 @@ NTSTATUS rb_WriteRingBuf(PSK_RING_BUF RingBuf, const VOID *Packet, ULONG Length)
   ULONG tries;
   ULONG offset = RB_SLOT_HEADER_SIZE;
   ULONG zero = 0;
+  ULONG lost;
 
   // A record that could not fit even an empty slot.
   if (Length > RB_MAX_PACKET_LENGTH) return STATUS_BUFFER_OVERFLOW;
@@ -345,6 +374,7 @@ NTSTATUS rb_WriteRingBuf(PSK_RING_BUF RingBuf, const VOID *Packet, ULONG Length)
 
     // No slot had room: empty one, starting two slots before where this write began.
     if (pass > 8) {
+      InterlockedIncrement64(rb_DroppedCounter(buffer));
       status = STATUS_INSUFFICIENT_RESOURCES;
       goto Exit;
     }
@@ -356,10 +386,13 @@ NTSTATUS rb_WriteRingBuf(PSK_RING_BUF RingBuf, const VOID *Packet, ULONG Length)
     }
     if (tries == RB_SLOT_COUNT) {
       SK_WRITE_ONCE(RingBuf->RingBufIndex[processor], 0);
+      InterlockedIncrement64(rb_DroppedCounter(buffer));
       DbgPrint("\n[rb_WriteRingBuf] Buf not Available\n");
       status = STATUS_BUFFER_OVERFLOW;
       goto Exit;
     }
+    lost = rb_UnreadRecords(header);
+    if (lost) InterlockedExchangeAdd64(rb_OverwrittenCounter(buffer), lost);
     header->WriteOffset = RB_SLOT_HEADER_SIZE;
     InterlockedExchange((volatile LONG *)&header->ConsumerWord, 0);
     SK_WRITE_ONCE(RingBuf->RingBufIndex[processor], slot);
@@ -384,6 +417,14 @@ Exit:
   InterlockedDecrement(&RingBuf->WriterCount);
   KeLowerIrql(oldIrql);
   return status;
+}
+
+VOID rb_QueryRingLosses(PSK_RING_BUF RingBuf, ULONG Index, PULONG64 OverwrittenRecords, PULONG64 DroppedPackets) {
+  PUCHAR buffer = (SK_READ_ONCE(RingBuf->Flags) & RB_FLAG_INITED) && Index < RingBuf->BufferCount
+                      ? RingBuf->KrnlRingBufSlot[Index]
+                      : NULL;
+  *OverwrittenRecords = buffer ? (ULONG64)SK_READ_ONCE(*rb_OverwrittenCounter(buffer)) : 0;
+  *DroppedPackets = buffer ? (ULONG64)SK_READ_ONCE(*rb_DroppedCounter(buffer)) : 0;
 }
 
 NTSTATUS rb_GetRingBufInternal(PSK_RING_BUF RingBuf, PEPROCESS Process, PVOID Output, PULONG Length) {

@@ -62,6 +62,8 @@ NTSTATUS rb_UnInitRingBuf(PSK_RING_BUF RingBuf);
 // STATUS_INSUFFICIENT_RESOURCES: still no room after nine recycles. Runs at PASSIVE_LEVEL or
 // APC_LEVEL.
 NTSTATUS rb_WriteRingBuf(PSK_RING_BUF RingBuf, const VOID *Packet, ULONG Length);
+// A buffer's loss counters (sentrel/ring_buffer.h); zero for a buffer that does not exist.
+VOID rb_QueryRingLosses(PSK_RING_BUF RingBuf, ULONG Index, PULONG64 OverwrittenRecords, PULONG64 DroppedPackets);
 // Maps the buffers into Process and writes RING_BUF_MAP_INFO into Output. *Length goes in as the
 // output size and comes out as the needed size.
 NTSTATUS rb_GetRingBufInternal(PSK_RING_BUF RingBuf, PEPROCESS Process, PVOID Output, PULONG Length);

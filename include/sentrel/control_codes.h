@@ -4,8 +4,8 @@
 //
 // Who may send what:
 //   kernel only   - the register/unregister/interface codes: a request from user mode is refused
-//   consumer only - IOCTL_SK_ADD_WHITE_RULE, IOCTL_SK_EVENT_MASK, IOCTL_SK_MAP_RINGBUF: the caller
-//                   must be the consumer
+//   consumer only - IOCTL_SK_ADD_WHITE_RULE, IOCTL_SK_EVENT_MASK, IOCTL_SK_MAP_RINGBUF,
+//                   IOCTL_SK_QUERY_LOSSES: the caller must be the consumer
 //   anyone        - the rest
 #pragma once
 
@@ -58,6 +58,8 @@
 // Consumer only. In: exactly 8 bytes, the new event mask, or SK_EVENT_MASK_QUERY to read it; out,
 // for a query: exactly 8 bytes, the current mask.
 #define IOCTL_SK_EVENT_MASK SK_CTL_CODE(0x00B, SK_METHOD_BUFFERED)
+// Consumer only. Out (direct buffer): SK_LOSS_COUNTERS and the records behind it (loss_counters.h).
+#define IOCTL_SK_QUERY_LOSSES SK_CTL_CODE(0x00C, SK_METHOD_OUT_DIRECT)
 // Out (direct buffer, at least 24 bytes): SENTREL_AUTH_COMMUID (packet.h).
 #define IOCTL_APP_REGISTER_PRODUCER SK_CTL_CODE(0x0A9, SK_METHOD_OUT_DIRECT)
 
@@ -72,6 +74,7 @@ SK_STATIC_ASSERT(IOCTL_SK_QUERY_PACKCOMINFO == 0x0666C01Eu, "IOCTL_SK_QUERY_PACK
 SK_STATIC_ASSERT(IOCTL_APP_REGISTER_CONSUMER == 0x0666C022u, "IOCTL_APP_REGISTER_CONSUMER");
 SK_STATIC_ASSERT(IOCTL_SK_MAP_RINGBUF == 0x0666C02Au, "IOCTL_SK_MAP_RINGBUF");
 SK_STATIC_ASSERT(IOCTL_SK_EVENT_MASK == 0x0666C02Cu, "IOCTL_SK_EVENT_MASK");
+SK_STATIC_ASSERT(IOCTL_SK_QUERY_LOSSES == 0x0666C032u, "IOCTL_SK_QUERY_LOSSES");
 SK_STATIC_ASSERT(IOCTL_APP_REGISTER_PRODUCER == 0x0666C2A6u, "IOCTL_APP_REGISTER_PRODUCER");
 SK_STATIC_ASSERT(SK_CTL_FUNCTION(IOCTL_APP_REGISTER_PRODUCER) == 0x0A9 &&
                      SK_CTL_METHOD(IOCTL_SK_ADD_WHITE_RULE) == SK_METHOD_IN_DIRECT &&

@@ -18,7 +18,10 @@
 // ends them) only while it holds the slot, and gives the slot back by storing RB_SLOT_FREE. The
 // driver's exchange that sets State back to RB_SLOT_FREE after a write publishes the record and
 // WriteOffset. When no slot has room a writer empties one (its unread records are lost); when no
-// slot can be taken at all the packet is dropped.
+// slot can be taken at all the packet is dropped. Both losses are counted per buffer in the header
+// of its slot 0 (OverwrittenRecords, DroppedPackets): raised by the driver with interlocked
+// additions, never reset while the driver runs, so that every packet written is either read or
+// counted there.
 #pragma once
 
 #include "sentrel/wire_types.h"
@@ -43,7 +46,12 @@ typedef struct _RB_SLOT_HEADER {
   // Offset of the first free byte in the slot: RB_SLOT_HEADER_SIZE when the slot is empty. A value
   // of RB_SLOT_SIZE or more is taken as an empty slot by the next writer.
   SK_UINT32 WriteOffset;
-  SK_UINT8 Reserved[20];
+  SK_UINT32 Reserved;  // zero
+  // In slot 0 only (zero in the others), the buffer's losses since the driver started: unread
+  // records a writer emptied out of a full buffer to make room, and packets not written at all
+  // because no slot could be taken. Read them with atomic 64-bit loads.
+  SK_UINT64 OverwrittenRecords;
+  SK_UINT64 DroppedPackets;
 } RB_SLOT_HEADER, *PRB_SLOT_HEADER;
 
 SK_STATIC_ASSERT(sizeof(RB_SLOT_HEADER) == RB_SLOT_HEADER_SIZE, "RB_SLOT_HEADER is 32 bytes");
@@ -51,6 +59,8 @@ SK_STATIC_ASSERT(SK_OFFSETOF(RB_SLOT_HEADER, State) == 0, "RB_SLOT_HEADER.State"
 SK_STATIC_ASSERT(SK_OFFSETOF(RB_SLOT_HEADER, ConsumerWord) == 4, "RB_SLOT_HEADER.ConsumerWord");
 SK_STATIC_ASSERT(SK_OFFSETOF(RB_SLOT_HEADER, WriteOffset) == 8, "RB_SLOT_HEADER.WriteOffset");
 SK_STATIC_ASSERT(SK_OFFSETOF(RB_SLOT_HEADER, Reserved) == 12, "RB_SLOT_HEADER.Reserved");
+SK_STATIC_ASSERT(SK_OFFSETOF(RB_SLOT_HEADER, OverwrittenRecords) == 16, "RB_SLOT_HEADER.OverwrittenRecords");
+SK_STATIC_ASSERT(SK_OFFSETOF(RB_SLOT_HEADER, DroppedPackets) == 24, "RB_SLOT_HEADER.DroppedPackets");
 SK_STATIC_ASSERT(RB_BUFFER_SIZE == RB_SLOT_COUNT * RB_SLOT_SIZE, "a buffer is its 8 slots");
 SK_STATIC_ASSERT(RB_MAX_PACKET_LENGTH == 65499u, "the largest packet an empty slot holds");
 SK_STATIC_ASSERT((RB_SLOT_FREE & RB_SLOT_WRITING) == 0 && (RB_SLOT_FREE & RB_SLOT_READING) == 0 &&

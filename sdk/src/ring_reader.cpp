@@ -43,6 +43,14 @@ uint32_t RingReader::SlotWriteOffset(size_t buffer, uint32_t slot) const {
   return __atomic_load_n(&Header(buffer, slot)->WriteOffset, __ATOMIC_RELAXED);
 }
 
+RingLosses RingReader::Losses(size_t buffer) const {
+  RB_SLOT_HEADER* header = Header(buffer, 0);
+  RingLosses losses;
+  losses.overwrittenRecords = __atomic_load_n(&header->OverwrittenRecords, __ATOMIC_RELAXED);
+  losses.droppedPackets = __atomic_load_n(&header->DroppedPackets, __ATOMIC_RELAXED);
+  return losses;
+}
+
 bool RingReader::TakeSlot(size_t buffer, uint32_t slot) {
   uint32_t expected = RB_SLOT_FREE;
   return __atomic_compare_exchange_n(&Header(buffer, slot)->State, &expected, RB_SLOT_READING, false,

@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "sentrel/control_codes.h"
+#include "sentrel_sdk/loss_report.h"
 #include "sentrel/packet_build.h"
 #include "test_support.h"
 
@@ -66,6 +68,17 @@ class Client {
       return std::vector<uint8_t>(buffer->begin(), buffer->begin() + (r.status == STATUS_SUCCESS ? r.information : 0));
     }
   };
+  // The driver's loss counters, asked for as the consumer asks: first the length, then the answer.
+  std::optional<sentrel_sdk::LossReport> QueryLosses(HANDLE handle) {
+    ntsim::IoResult sized = process_.DeviceIoControl(handle, IOCTL_SK_QUERY_LOSSES, nullptr, 0, nullptr, 0);
+    EXPECT_EQ(sized.status, STATUS_BUFFER_OVERFLOW);
+    std::vector<uint8_t> answer(sized.information);
+    ntsim::IoResult full = process_.DeviceIoControl(handle, IOCTL_SK_QUERY_LOSSES, nullptr, 0, answer.data(),
+                                                    static_cast<ULONG>(answer.size()));
+    EXPECT_EQ(full.status, STATUS_SUCCESS);
+    EXPECT_EQ(full.information, answer.size());
+    return sentrel_sdk::DecodeLossReport(answer.data(), answer.size());
+  }
   Read StartRead(HANDLE handle, ULONG length = 4096) {
     Read read;
     read.buffer = std::make_shared<std::vector<uint8_t>>(length);

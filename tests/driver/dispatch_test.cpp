@@ -189,6 +189,14 @@ TEST_F(DispatchTest, QueuesDropTheirOldestPacketsAtTheirLimits) {
   ASSERT_EQ(seen.size(), 2040u);
   EXPECT_EQ(seen.front(), 9u);
   EXPECT_EQ(seen.back(), 2048u);
+  // The consumer sees what was dropped, per queue and in all.
+  std::optional<sentrel_sdk::LossReport> losses = agent.QueryLosses(control);
+  ASSERT_TRUE(losses.has_value());
+  ASSERT_EQ(losses->queues.size(), 1u);
+  EXPECT_EQ(losses->queues[0].processId, producer.Pid());
+  EXPECT_EQ(losses->queues[0].evicted, 8u);
+  EXPECT_EQ(losses->processQueuesEvicted, 8u);
+  EXPECT_EQ(losses->consumerQueueEvicted, 0u);
 
   // 16383 packets wait for the consumer; one more drops the 2048 oldest.
   for (uint32_t n = 1; n <= 16384; ++n) ASSERT_EQ(producer.Write(in, numbered(SKT_CONSUMER, 0, n)).status, STATUS_SUCCESS);
@@ -197,6 +205,67 @@ TEST_F(DispatchTest, QueuesDropTheirOldestPacketsAtTheirLimits) {
   ASSERT_EQ(seen.size(), 14336u);
   EXPECT_EQ(seen.front(), 2049u);
   EXPECT_EQ(seen.back(), 16384u);
+  // A queue's count outlives its process in the total.
+  world.ExitProcess(producer.Process());
+  losses = agent.QueryLosses(control);
+  ASSERT_TRUE(losses.has_value());
+  EXPECT_TRUE(losses->queues.empty());
+  EXPECT_EQ(losses->processQueuesEvicted, 8u);
+  EXPECT_EQ(losses->consumerQueueEvicted, 2048u);
+  // Only the consumer asks.
+  Client other = Start(u"other.exe");
+  HANDLE h = other.Open(false);
+  std::vector<uint8_t> answer(256);
+  IoResult refused = other.Process().DeviceIoControl(h, IOCTL_SK_QUERY_LOSSES, nullptr, 0, answer.data(), 256);
+  EXPECT_EQ(refused.status, STATUS_ACCESS_DENIED);
+}
+
+// Flooded, the ring buffers lose records, and with every slot held by the consumer they drop
+// packets; the consumer can account for every packet written: read, or counted as lost.
+TEST_F(DispatchTest, EveryEventPacketIsReadOrCountedAsLost) {
+  Client agent = Start(u"agent.exe");
+  Client producer = Start(u"producer.exe");
+  HANDLE h = agent.Open(false);
+  ASSERT_EQ(agent.Register(h, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
+  std::vector<uint8_t> info(RING_BUF_MAP_INFO_SIZE(4));
+  ASSERT_EQ(agent.Process().DeviceIoControl(h, IOCTL_SK_MAP_RINGBUF, nullptr, 0, info.data(),
+                                            static_cast<ULONG>(info.size())).status,
+            STATUS_SUCCESS);
+  std::optional<sentrel_sdk::RingReader> reader = sentrel_sdk::RingReader::FromMapInfo(info.data(), info.size());
+  ASSERT_TRUE(reader.has_value());
+  HANDLE p = producer.Open(false);
+
+  constexpr uint64_t kFlood = 1000, kHeld = 10;
+  uint64_t refused = 0;
+  for (uint64_t i = 0; i < kFlood; ++i) {
+    refused += producer.Write(p, Packet(SKPT_EVENT, SKT_CONSUMER, 0, 2048, uint8_t(i))).status != STATUS_SUCCESS;
+  }
+  EXPECT_EQ(refused, 0u) << "a writer always finds a slot to empty while the consumer holds none";
+  for (size_t b = 0; b < reader->BufferCount(); ++b) {
+    for (uint32_t s = 0; s < RB_SLOT_COUNT; ++s) ASSERT_TRUE(reader->TakeSlot(b, s));
+  }
+  for (uint64_t i = 0; i < kHeld; ++i) {
+    EXPECT_NE(producer.Write(p, Packet(SKPT_EVENT, SKT_CONSUMER, 0, 2048)).status, STATUS_SUCCESS);
+  }
+  for (size_t b = 0; b < reader->BufferCount(); ++b) {
+    for (uint32_t s = 0; s < RB_SLOT_COUNT; ++s) reader->ReleaseSlot(b, s, false);
+  }
+
+  uint64_t read = reader->DrainAll([](const sentrel_sdk::RingRecord&) {});
+  std::optional<sentrel_sdk::LossReport> losses = agent.QueryLosses(h);
+  ASSERT_TRUE(losses.has_value());
+  ASSERT_EQ(losses->buffers.size(), reader->BufferCount());
+  uint64_t overwritten = 0, dropped = 0;
+  for (size_t b = 0; b < reader->BufferCount(); ++b) {
+    overwritten += losses->buffers[b].overwrittenRecords;
+    dropped += losses->buffers[b].droppedPackets;
+    EXPECT_EQ(reader->Losses(b).overwrittenRecords, losses->buffers[b].overwrittenRecords) << b;
+    EXPECT_EQ(reader->Losses(b).droppedPackets, losses->buffers[b].droppedPackets) << b;
+  }
+  EXPECT_GT(overwritten, 0u);
+  EXPECT_EQ(dropped, kHeld);
+  EXPECT_EQ(read + overwritten + dropped, kFlood + kHeld);
+  EXPECT_EQ(reader->Counts().malformed, 0u);
 }
 
 // A control packet is no longer than the largest event packet, and a queue holds a bounded number

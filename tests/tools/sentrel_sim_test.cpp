@@ -121,6 +121,28 @@ TEST(SentrelSimTest, OpsThatCannotRunAreRefusedAndTheRunFails) {
   EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
 }
 
+// A producer that never reads loses its oldest control packets at the queue's limit: the consumer
+// sees how many, for that process, with the losses op and in the summary.
+TEST(SentrelSimTest, TheConsumerSeesWhatTheQueuesEvicted) {
+  std::string text =
+      "{\"op\":\"load\"}\n"
+      "{\"op\":\"consumer\",\"pid\":1000}\n"
+      "{\"op\":\"producer\",\"pid\":2000}\n";
+  for (int i = 0; i < 2048; ++i) {
+    text += "{\"op\":\"send\",\"pid\":1000,\"packet\":{\"type\":\"control\",\"dst\":\"producer\",\"dst_pid\":2000,\"body\":\"01000000\"}}\n";
+  }
+  text += "{\"op\":\"losses\"}\n";
+  Output run = Scenario(text);
+  ASSERT_EQ(run.status, 0);
+  Json losses = run.Reply("losses")["losses"];
+  ASSERT_TRUE(losses.is_object()) << run.Reply("losses").dump();
+  EXPECT_EQ(losses["process_queues_evicted"], 8);
+  EXPECT_EQ(losses["queues"], Json::parse("[{\"pid\":2000,\"evicted\":8}]"));
+  ASSERT_EQ(losses["buffers"].size(), 4u);
+  EXPECT_EQ(losses["buffers"][3], Json::parse("{\"cpu\":3,\"overwritten\":0,\"dropped\":0}"));
+  EXPECT_EQ(run.Summary()["losses"]["process_queues_evicted"], 8);
+}
+
 TEST(SentrelSimTest, ProcessesThreadsImagesAndTheMachineLifecycle) {
   Output run = Scenario(
       "{\"op\":\"volume\",\"device\":\"\\\\Device\\\\HarddiskVolume7\",\"letter\":\"E\"}\n"

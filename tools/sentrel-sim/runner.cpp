@@ -7,9 +7,11 @@
 
 #include "scenario.h"
 #include "sentrel/control_codes.h"
+#include "sentrel/loss_counters.h"
 #include "sentrel/packet_build.h"
 #include "sentrel/ring_buffer.h"
 #include "sentrel_sdk/event_decoder.h"
+#include "sentrel_sdk/loss_report.h"
 #include "sentrel_sdk/ring_reader.h"
 #include "world.h"
 
@@ -185,6 +187,32 @@ class Runner {
     if (!io->Wait(kRequestWait)) return IoResult{STATUS_PENDING, 0};
     return io->Result();
   }
+  // The driver's loss counters, asked for by the consumer in one request (again, larger, if queues
+  // came meanwhile); null if the answer does not decode.
+  Json QueryLosses(IoResult* result) {
+    std::vector<uint8_t> answer(SK_LOSS_COUNTERS_SIZE(64, 64));
+    *result = Control(*consumer_, IOCTL_SK_QUERY_LOSSES, {}, &answer);
+    if (result->status == STATUS_BUFFER_OVERFLOW) {
+      answer.resize(result->information + SK_LOSS_COUNTERS_SIZE(0, 64));
+      *result = Control(*consumer_, IOCTL_SK_QUERY_LOSSES, {}, &answer);
+    }
+    std::optional<sentrel_sdk::LossReport> report;
+    if (result->status == STATUS_SUCCESS) report = sentrel_sdk::DecodeLossReport(answer.data(), result->information);
+    if (!report) return nullptr;
+    Json buffers = Json::array(), queues = Json::array();
+    for (size_t i = 0; i < report->buffers.size(); ++i) {
+      buffers.push_back({{"cpu", i},
+                         {"overwritten", report->buffers[i].overwrittenRecords},
+                         {"dropped", report->buffers[i].droppedPackets}});
+    }
+    for (const sentrel_sdk::QueueLosses& queue : report->queues) {
+      queues.push_back({{"pid", queue.processId}, {"evicted", queue.evicted}});
+    }
+    return {{"buffers", buffers},
+            {"consumer_queue_evicted", report->consumerQueueEvicted},
+            {"process_queues_evicted", report->processQueuesEvicted},
+            {"queues", queues}};
+  }
   IoResult Write(Client& client, const std::vector<uint8_t>& bytes) {
     auto io = client.process->WriteFileOverlapped(client.handle, bytes.data(), static_cast<ULONG>(bytes.size()));
     if (!io->Wait(kRequestWait)) return IoResult{STATUS_PENDING, 0};
@@ -258,6 +286,12 @@ class Runner {
       sk_StoreLe64(in.data(), 0, Number(f, "mask"));
       IoResult result = Control(*consumer_, IOCTL_SK_EVENT_MASK, in, &none);
       Reply(op, {{"status", Status(result.status)}, {"info", result.information}});
+    } else if (name == "losses") {
+      if (!consumer_) return Refuse(op, "no consumer is running");
+      Drain();
+      IoResult result;
+      losses_ = QueryLosses(&result);
+      Reply(op, {{"status", Status(result.status)}, {"losses", losses_}});
     } else if (name == "producer") {
       uint64_t pid = Number(f, "pid");
       if (!NeedDriver(op)) return;
@@ -492,6 +526,10 @@ class Runner {
 
   void StopConsumer() {
     Drain();
+    if (consumer_ && world_->DriverLoaded() && !consumer_->process->Exited()) {
+      IoResult result;
+      losses_ = QueryLosses(&result);
+    }
     if (reader_) {
       const sentrel_sdk::RingReaderCounts& counts = reader_->Counts();
       malformed_ += counts.malformed;
@@ -560,6 +598,7 @@ class Runner {
     Emit({{"summary",
            {{"events", events},
             {"ring", {{"refused", ringRefused_}, {"malformed", malformed_}}},
+            {"losses", losses_},
             {"refused_ops", refused_},
             {"verdict", {{"clean", verdict_.Clean()}, {"findings", Findings(verdict_)}}}}}});
   }
@@ -576,6 +615,7 @@ class Runner {
   Json events_ = Json::object();
   uint64_t ringRefused_ = 0;
   uint64_t malformed_ = 0;
+  Json losses_;  // the last loss counters the consumer read, null if it never did
   size_t logLines_ = 0;
   int refused_ = 0;
   ntsim::Verdict verdict_;

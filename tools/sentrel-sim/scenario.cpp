@@ -53,6 +53,7 @@ const std::map<std::string, std::vector<Field>>& Schema() {
         {"out_len", Kind::Number, false}}},
       {"write", {{"pid", Kind::Number, true}, {"hex", Kind::Hex, true}}},
       {"drain", {}},
+      {"losses", {}},
   };
   return schema;
 }

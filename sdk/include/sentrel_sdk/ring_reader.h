@@ -42,6 +42,12 @@ struct RingReaderCounts {
                            // a WriteOffset outside the slot; the rest of such a slot is dropped
 };
 
+// What a buffer's writers could not deliver, as the driver counts it in the buffer itself.
+struct RingLosses {
+  uint64_t overwrittenRecords = 0;  // unread records emptied out of the full buffer to make room
+  uint64_t droppedPackets = 0;      // packets not written: no slot could be taken
+};
+
 class RingReader {
  public:
   // Over the buffers at these addresses in this process, buffer i at buffers[i].
@@ -68,6 +74,8 @@ class RingReader {
   size_t DrainAll(const RecordFn& fn);
 
   const RingReaderCounts& Counts() const { return counts_; }
+  // The driver's loss counters of one buffer, read in place (they only grow while the driver runs).
+  RingLosses Losses(size_t buffer) const;
 
   // A slot's header words as they are now (a racy look, for display and tests).
   uint32_t SlotState(size_t buffer, uint32_t slot) const;

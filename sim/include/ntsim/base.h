@@ -235,6 +235,9 @@ static inline LONG64 InterlockedIncrement64(volatile LONG64 *Addend) {
 static inline LONG64 InterlockedDecrement64(volatile LONG64 *Addend) {
   return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
+static inline LONG64 InterlockedExchangeAdd64(volatile LONG64 *Addend, LONG64 Value) {
+  return __atomic_fetch_add(Addend, Value, __ATOMIC_SEQ_CST);
+}
 static inline LONG64 InterlockedExchange64(volatile LONG64 *Target, LONG64 Value) {
   return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }

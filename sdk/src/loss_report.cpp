@@ -1,0 +1,34 @@
+#include "sentrel_sdk/loss_report.h"
+
+#include <cstring>
+
+#include "sentrel/loss_counters.h"
+
+namespace sentrel_sdk {
+
+std::optional<LossReport> DecodeLossReport(const void* answer, size_t length) {
+  auto bytes = static_cast<const uint8_t*>(answer);
+  SK_LOSS_COUNTERS header;
+  if (length < sizeof header) return std::nullopt;
+  std::memcpy(&header, bytes, sizeof header);
+  // Counted in 64 bits: the counts come from the answer and must not wrap the size check.
+  uint64_t size = 32 + 16 * uint64_t(header.BufferCount) + 16 * uint64_t(header.QueueCount);
+  if (size != header.Size || size > length) return std::nullopt;
+  LossReport report;
+  report.consumerQueueEvicted = header.ConsumerQueueEvicted;
+  report.processQueuesEvicted = header.ProcessQueuesEvicted;
+  size_t offset = sizeof header;
+  for (uint32_t i = 0; i < header.BufferCount; ++i, offset += sizeof(SK_RING_LOSSES)) {
+    SK_RING_LOSSES ring;
+    std::memcpy(&ring, bytes + offset, sizeof ring);
+    report.buffers.push_back(RingLosses{ring.OverwrittenRecords, ring.DroppedPackets});
+  }
+  for (uint32_t i = 0; i < header.QueueCount; ++i, offset += sizeof(SK_QUEUE_LOSSES)) {
+    SK_QUEUE_LOSSES queue;
+    std::memcpy(&queue, bytes + offset, sizeof queue);
+    report.queues.push_back(QueueLosses{queue.ProcessId, queue.Evicted});
+  }
+  return report;
+}
+
+}  // namespace sentrel_sdk

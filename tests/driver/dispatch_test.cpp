@@ -432,8 +432,8 @@ TEST_F(DispatchTest, EventsFromAProducerReachTheConsumersRingBuffers) {
 
 // A read that finds nothing and a send that finds no waiting read may cross; the packet must still
 // reach the read rather than wait for the next one. Each side is caught in its window: the read
-// just before it parks (the whole send happens then), and the send just after it found no waiting
-// read (the whole read happens then).
+// just before it parks (the whole send happens then), the send just after it found no waiting read
+// (the whole read happens then), and the read just after it parked (two sends happen then).
 TEST_F(DispatchTest, AReadAndASendThatCrossStillMeet) {
   Client producer = Start(u"producer.exe");
   Client sender = Start(u"sender.exe");
@@ -466,36 +466,29 @@ TEST_F(DispatchTest, AReadAndASendThatCrossStillMeet) {
   ASSERT_TRUE(late.io);
   ASSERT_TRUE(late.Done()) << "the packet waits in the queue beside a parked read";
   EXPECT_EQ(late.Bytes(), second);
-}
 
-// Once parked, a read is the queue's: a sender on another thread may complete it and the I/O
-// manager free it while the read's own dispatch routine is still running. Caught just after the
-// read is parked, a sender delivers one packet into it and queues a second; the reader's dispatch
-// routine must then leave the freed request alone, and the second packet waits for the next read.
-TEST_F(DispatchTest, AParkedReadCompletedByASenderIsNotTouchedAgain) {
-  Client producer = Start(u"producer.exe");
-  Client sender = Start(u"sender.exe");
-  HANDLE in = producer.Open();
-  ASSERT_EQ(producer.Register(in, IOCTL_APP_REGISTER_PRODUCER).result.status, STATUS_SUCCESS);
-  HANDLE out = sender.Open(false);
-
-  std::vector<uint8_t> first = Control(SKT_PRODUCER, producer.Pid(), 4, 0x01);
-  std::vector<uint8_t> second = Control(SKT_PRODUCER, producer.Pid(), 4, 0x02);
-  std::atomic<bool> armed{true};
+  // Once parked, a read is the queue's: a sender on another thread may complete it, and the I/O
+  // manager free it, while the read's own dispatch routine still runs. Caught just after the read
+  // is parked, a sender delivers one packet into it and queues another; the reader's dispatch
+  // routine must leave the freed request alone, and the other packet waits for the next read.
+  std::vector<uint8_t> third = Control(SKT_PRODUCER, producer.Pid(), 4, 0x03);
+  std::vector<uint8_t> fourth = Control(SKT_PRODUCER, producer.Pid(), 4, 0x04);
+  armed = true;
   world.kernel().io.SetCsqHook([&](CsqStep step) {
-    if (step != CsqStep::Inserted || !armed.exchange(false)) return;
+    if (step != CsqStep::Inserted || !armed) return;
+    armed = false;
     std::thread([&] {
-      EXPECT_EQ(sender.Write(out, first).status, STATUS_SUCCESS);
-      EXPECT_EQ(sender.Write(out, second).status, STATUS_SUCCESS);
+      EXPECT_EQ(sender.Write(out, third).status, STATUS_SUCCESS);
+      EXPECT_EQ(sender.Write(out, fourth).status, STATUS_SUCCESS);
     }).join();
   });
-  Client::Read read = producer.StartRead(in);
+  Client::Read parked = producer.StartRead(in);
   world.kernel().io.SetCsqHook(nullptr);
-  ASSERT_TRUE(read.Done());
-  EXPECT_EQ(read.Bytes(), first);
+  ASSERT_TRUE(parked.Done());
+  EXPECT_EQ(parked.Bytes(), third);
   Client::Read next = producer.StartRead(in);
   ASSERT_TRUE(next.Done());
-  EXPECT_EQ(next.Bytes(), second);
+  EXPECT_EQ(next.Bytes(), fourth);
 }
 
 // A packet for the consumer whose sender is overtaken by the consumer's exit: a read on a handle

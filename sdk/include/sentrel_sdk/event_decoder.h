@@ -29,6 +29,10 @@ Json DecodeEvent(const uint8_t* packet, size_t length);
 // out; false, with the reason in *error, if they do not add up.
 bool DecodeCommonInfo(const uint8_t* block, size_t length, Json* out, std::string* error);
 
+// The answer to IOCTL_SK_QUERY_PACKCOMINFO: a PACKAGE_HEADER of type SK_PACK_COMMON_INFO_TYPE over
+// the three packages; sets "process", "logon" and "tree" in out like DecodeCommonInfo.
+bool DecodeProcessDescription(const uint8_t* answer, size_t length, Json* out, std::string* error);
+
 // UTF-16LE to UTF-8; unpaired surrogates become U+FFFD.
 std::string Utf16ToUtf8(const uint8_t* bytes, size_t byteLength);
 std::string Hex(const uint8_t* bytes, size_t length);

@@ -410,7 +410,7 @@ def check_map(pe, link_map, args):
 # The Windows versions a routine's documentation names as the first to have it, oldest first.
 # "unclear" (documentation that does not say, or a routine that is not documented) is newer than
 # every version.
-WINDOWS_VERSIONS = ["2000", "XP", "Vista", "Vista-SP1", "7", "8", "8.1", "10", "10-1607", "10-1703", "10-1709",
+WINDOWS_VERSIONS = ["2000", "XP", "2003", "Vista", "Vista-SP1", "7", "8", "8.1", "10", "10-1607", "10-1703", "10-1709",
                     "10-1803", "10-1809", "10-1903", "10-2004", "11", "unclear"]
 
 

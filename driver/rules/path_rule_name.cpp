@@ -54,7 +54,8 @@ VOID skt_DissectFirstName(PCUNICODE_STRING Path, PUNICODE_STRING FirstName, PUNI
   USHORT end = start;  // one past the last character of the first name
 
   while (end < chars && Path->Buffer[end] != L'\\') ++end;
-  FirstName->Buffer = end > start ? Path->Buffer + start : NULL;
+  // An empty first name still points into a path that has characters, as the kernel's does.
+  FirstName->Buffer = chars > 0 ? Path->Buffer + start : NULL;
   FirstName->Length = FirstName->MaximumLength = (USHORT)((end - start) * sizeof(WCHAR));
   // Only the one backslash after the first name goes; the rest is left as it is.
   RemainingName->Buffer = end + 1 < chars ? Path->Buffer + end + 1 : NULL;

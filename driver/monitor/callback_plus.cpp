@@ -79,11 +79,14 @@ PSK_CALLBACK_BLOCK sk_ReferenceCallbackBlock(SK_CALLBACK_SLOT *Slot) {
 
   // Slow path: the slot holds a block with an empty reserve. Being counted keeps a replacement
   // from completing between reading the address and taking the reference: the interlocked add
-  // comes before the read, so a replacer whose exchange follows the read sees the count.
+  // comes before the read, so a replacer whose exchange follows the read sees the count. The
+  // critical region keeps the thread from being suspended while replacers wait on it.
+  KeEnterCriticalRegion();
   InterlockedIncrement(&CallbackSlowReaders);
   block = sk_SlotBlock((ULONG64)SK_READ_ONCE(*Slot));
   if (block && !ExAcquireRundownProtection(&block->RundownRef)) block = NULL;  // being run down
   InterlockedDecrement(&CallbackSlowReaders);
+  KeLeaveCriticalRegion();
   return block;
 }
 

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 
 #include "sentrel_sdk/consumer.h"

@@ -2,7 +2,7 @@
 // events with their three packages (the acting process, its logon session, its creators) and the
 // event data record, every field named; a producer's event with its body in hex.
 //
-// The fields, as docs/scenario.md lists them:
+// The fields, as docs/events.md lists them:
 //   {"event": "ET_IMAGE_LOAD", "src_pid": 1234, "length": n,
 //    "process": {...}, "logon": {...}, "tree": [{"process_id": n, "image_name": "..."}], "data": {...}}
 // or, for a packet that is not one of the driver's events,

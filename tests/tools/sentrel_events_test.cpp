@@ -254,6 +254,9 @@ TEST(SentrelEventsOptionsTest, OptionsAndTheirMistakes) {
   EXPECT_EQ(*options.mask, 0x31u);
   EXPECT_EQ(options.pollMs, 5u);
   EXPECT_EQ(*options.describe, 1234u);
+  sentrel_events::Options octal;
+  EXPECT_EQ(parse({"--describe", "0755"}, &octal), "");
+  EXPECT_EQ(*octal.describe, 755u);
   sentrel_events::Options other;
   EXPECT_EQ(parse({"--count", "0"}, &other), "--count needs a number of events above 0");
   EXPECT_EQ(parse({"--count"}, &other), "--count needs a number of events above 0");

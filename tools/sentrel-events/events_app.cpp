@@ -19,7 +19,9 @@ bool Number(const char* text, uint64_t limit, uint64_t* value) {
   if (!text || !*text || *text == '-') return false;
   errno = 0;
   char* end = nullptr;
-  unsigned long long parsed = std::strtoull(text, &end, 0);
+  // Decimal, or hex after 0x; never octal (a process id written 0755 means 755).
+  bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  unsigned long long parsed = std::strtoull(text, &end, hex ? 16 : 10);
   if (errno != 0 || *end != '\0' || parsed > limit) return false;
   *value = parsed;
   return true;

@@ -20,7 +20,14 @@
         tls                  no thread-local storage
         sections             no section is both writable and executable
         integrity            (with --require-integrity) FORCE_INTEGRITY is set
+      With --import-versions TABLE --oldest-windows VERSION, also:
+        windows-version      every imported routine is in TABLE (the first Windows whose kernel
+                             exports it) and no newer than VERSION; "unclear" counts as newer
       Exit status: 0 all checks passed, 1 some check failed, 2 the files could not be read.
+
+  pe_tool.py program FILE [--allow-dll NAME]...
+      Verifies a user-mode program: PE32+ for AMD64, console subsystem, imports only from the
+      allowed DLLs (no delay-load imports). Same output and exit status as check.
 
 The map file may come from lld (-Wl,-Map with the mingw driver: RVAs, one input section per line as
 "file:(section)") or from GNU ld (virtual addresses, the linker script's layout).
@@ -400,6 +407,70 @@ def check_map(pe, link_map, args):
     return True, "%s map, its %d sections agree with the image" % (link_map.kind, len(pe.sections))
 
 
+# The Windows versions a routine's documentation names as the first to have it, oldest first.
+# "unclear" (documentation that does not say, or a routine that is not documented) is newer than
+# every version.
+WINDOWS_VERSIONS = ["2000", "XP", "2003", "Vista", "Vista-SP1", "7", "8", "8.1", "10", "10-1607", "10-1703", "10-1709",
+                    "10-1803", "10-1809", "10-1903", "10-2004", "11", "unclear"]
+
+
+def read_import_versions(path):
+    """{(dll lower, routine): version} from the table: one routine a line, "routine dll version
+    note...", '#' comments."""
+    table = {}
+    text = read_file(path).decode("utf-8")
+    for number, line in enumerate(text.splitlines(), 1):
+        line = line.strip()
+        if not line or line.startswith("#"):
+            continue
+        fields = line.split(None, 3)
+        if len(fields) < 3 or fields[2] not in WINDOWS_VERSIONS:
+            raise PeError("%s:%d: expected 'routine dll version note' with a version among %s" % (
+                path, number, ", ".join(WINDOWS_VERSIONS)))
+        table[(fields[1].lower(), fields[0])] = fields[2]
+    return table
+
+
+def check_windows_version(pe, link_map, args):
+    table = read_import_versions(args.import_versions)
+    oldest = WINDOWS_VERSIONS.index(args.oldest_windows)
+    imports = _imports(pe, DIR_IMPORT, 20, 12, (0, 16))
+    unknown, newer = [], []
+    for dll, routines in imports:
+        for routine in routines:
+            version = table.get((dll.lower(), routine))
+            if version is None:
+                unknown.append("%s!%s" % (dll, routine))
+            elif WINDOWS_VERSIONS.index(version) > oldest:
+                newer.append("%s!%s (%s)" % (dll, routine, version))
+    problems = []
+    if newer:
+        problems.append("newer than Windows %s (look them up with MmGetSystemRoutineAddress and give them a "
+                        "fallback): %s" % (args.oldest_windows, ", ".join(newer)))
+    if unknown:
+        problems.append("not in %s (add each with the first Windows version its documentation names): %s" % (
+            os.path.basename(args.import_versions), ", ".join(unknown)))
+    if problems:
+        return False, "; ".join(problems)
+    return True, "%d routines, all exported since Windows %s or earlier" % (
+        sum(len(r) for _, r in imports), args.oldest_windows)
+
+
+IMAGE_SUBSYSTEM_WINDOWS_CUI = 3
+
+
+def check_console_subsystem(pe, link_map, args):
+    if pe.subsystem == IMAGE_SUBSYSTEM_WINDOWS_CUI:
+        return True, "console (3)"
+    return False, "subsystem is %d, a console program needs 3" % pe.subsystem
+
+
+PROGRAM_CHECKS = [
+    ("format", check_format),
+    ("subsystem", check_console_subsystem),
+    ("imports", check_imports),
+]
+
 CHECKS = [
     ("format", check_format),
     ("subsystem", check_subsystem),
@@ -459,7 +530,6 @@ def cmd_check(args):
     pe = PeImage(read_file(args.file))
     map_text = read_file(args.map).decode("utf-8", "replace")
     name = os.path.basename(args.file)
-    failed = []
     if pe.magic != PE32PLUS_MAGIC:
         ok, msg = check_format(pe, None, args)
         print("FAIL  format: %s" % msg)
@@ -469,6 +539,13 @@ def cmd_check(args):
     checks = list(CHECKS)
     if args.require_integrity:
         checks.append(("integrity", check_integrity))
+    if args.import_versions:
+        checks.append(("windows-version", check_windows_version))
+    return run_checks(pe, link_map, args, checks, name)
+
+
+def run_checks(pe, link_map, args, checks, name):
+    failed = []
     for check_name, fn in checks:
         try:
             ok, msg = fn(pe, link_map, args)
@@ -482,6 +559,19 @@ def cmd_check(args):
         return 1
     print("%s: all checks passed" % name)
     return 0
+
+
+def cmd_program(args):
+    if not args.allow_dll:
+        args.allow_dll = ["KERNEL32.dll", "msvcrt.dll"]
+    pe = PeImage(read_file(args.file))
+    name = os.path.basename(args.file)
+    if pe.magic != PE32PLUS_MAGIC:
+        ok, msg = check_format(pe, None, args)
+        print("FAIL  format: %s" % msg)
+        print("%s: 1 check failed: format" % name)
+        return 1
+    return run_checks(pe, None, args, PROGRAM_CHECKS, name)
 
 
 def main(argv):
@@ -500,7 +590,17 @@ def main(argv):
     p.add_argument("--reject-to", metavar="PATH",
                    help="when the check fails, move FILE to PATH (so that a build system relinks it "
                         "instead of taking the bad image as up to date)")
+    p.add_argument("--import-versions", metavar="TABLE",
+                   help="table of the imported routines with the first Windows version that exports each")
+    p.add_argument("--oldest-windows", default="7", choices=WINDOWS_VERSIONS[:-1],
+                   help="the oldest Windows the driver must load on (with --import-versions; default 7)")
     p.set_defaults(func=cmd_check)
+    p = sub.add_parser("program", help="verify that the image is a console program with allowed imports")
+    p.add_argument("file")
+    p.add_argument("--allow-dll", action="append", default=[], metavar="NAME",
+                   help="DLL the program may import from (repeatable; default: KERNEL32.dll, msvcrt.dll)")
+    p.add_argument("--reject-to", metavar="PATH", help="when the check fails, move FILE to PATH")
+    p.set_defaults(func=cmd_program)
     args = parser.parse_args(argv)
     try:
         rc = args.func(args)

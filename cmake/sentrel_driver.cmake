@@ -8,6 +8,8 @@
 #       [LINK_LIBRARIES <lib>...]   # extra static libraries or import libraries
 #       [LINKER lld|bfd]            # default lld
 #       [FORCE_INTEGRITY]           # set FORCE_INTEGRITY in the image (and check it)
+#       [IMPORT_VERSIONS <table>]   # check every import against the table of first Windows versions:
+#                                   # none may be newer than SENTREL_OLDEST_WINDOWS (7)
 #       [EXPECT_FAILURE])           # a deliberately bad driver: link it, but skip the post-build check
 #
 # The driver is linked with a map file next to it (<name>.sys.map, also in the target property
@@ -35,6 +37,7 @@ if(NOT CMAKE_SCRIPT_MODE_FILE)
 set(SENTREL_PE_TOOL "${CMAKE_CURRENT_LIST_DIR}/pe_tool.py" CACHE FILEPATH "Post-link checker for the driver")
 set(SENTREL_DRIVER_ALLOWED_DLLS ntoskrnl.exe HAL.dll ksecdd.sys
     CACHE STRING "The only DLLs a driver may import from")
+set(SENTREL_OLDEST_WINDOWS 7 CACHE STRING "The oldest Windows our drivers must load on (pe_tool.py's version names)")
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 
 # The settings live in a macro rather than in directory variables, so that the functions work the
@@ -75,7 +78,7 @@ endfunction()
 
 function(sentrel_add_driver target)
   _sentrel_driver_settings()
-  cmake_parse_arguments(PARSE_ARGV 1 arg "EXPECT_FAILURE;FORCE_INTEGRITY" "OUTPUT_NAME;LINKER"
+  cmake_parse_arguments(PARSE_ARGV 1 arg "EXPECT_FAILURE;FORCE_INTEGRITY" "OUTPUT_NAME;LINKER;IMPORT_VERSIONS"
                         "SOURCES;INCLUDES;DEFINITIONS;LINK_LIBRARIES")
   if(arg_UNPARSED_ARGUMENTS)
     message(FATAL_ERROR "sentrel_add_driver(${target}): unexpected arguments ${arg_UNPARSED_ARGUMENTS}")
@@ -134,6 +137,10 @@ function(sentrel_add_driver target)
   if(arg_FORCE_INTEGRITY)
     set(integrity_flag --force-integrity)
     list(APPEND allow --require-integrity)
+  endif()
+  if(arg_IMPORT_VERSIONS)
+    list(APPEND allow --import-versions ${arg_IMPORT_VERSIONS} --oldest-windows ${SENTREL_OLDEST_WINDOWS})
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${arg_IMPORT_VERSIONS})
   endif()
   set_target_properties(${target} PROPERTIES SENTREL_ALLOWED_DLL_ARGS "${allow}")
 

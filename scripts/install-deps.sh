@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs, from Debian's packages, whatever the build needs and this machine lacks.
+# Installs, from Debian's packages, whatever the build needs and this machine lacks. With --test,
+# also what the tests need beyond the build: Wine, which runs the Windows-built tests.
 set -euo pipefail
 
 packages=(
@@ -8,8 +9,12 @@ packages=(
   clang lld llvm                # the Windows driver: clang --target=x86_64-w64-mingw32, lld
   mingw-w64-x86-64-dev          # DDK headers and the kernel's import libraries
   binutils-mingw-w64-x86-64     # GNU ld for the checksum cross-check of the driver checker
+  g++-mingw-w64-x86-64-posix    # the C++ library for Windows user mode (sentrel-events.exe)
   nlohmann-json3-dev            # JSON for sentrel-sim's scenarios and output
 )
+if [ "${1:-}" = "--test" ]; then
+  packages+=(wine64)            # runs the Windows-built tests headless (build/windows/wine-prefix)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

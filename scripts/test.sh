@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds everything (the driver on the simulated kernel with its tests, under ASan+UBSan and
-# under ThreadSanitizer, and the real Sentrel.sys with its checks) and runs every test.
+# under ThreadSanitizer, the real Sentrel.sys with its checks, sentrel-events.exe and the consumer
+# library's tests for Windows) and runs every test, the Windows-built ones under Wine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+scripts/install-deps.sh --test
 
 cmake --preset host >/dev/null
 cmake --build --preset host

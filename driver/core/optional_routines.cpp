@@ -25,6 +25,42 @@ static NTSTATUS sk_FallbackAcquireProcessExitSynchronization(PEPROCESS Process) 
 
 static VOID sk_FallbackReleaseProcessExitSynchronization(PEPROCESS Process) { UNREFERENCED_PARAMETER(Process); }
 
+static NTSTATUS sk_FallbackOpenObjectByPointer(PVOID Object, ULONG HandleAttributes, PACCESS_STATE PassedAccessState,
+                                               ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,
+                                               KPROCESSOR_MODE AccessMode, PHANDLE Handle) {
+  UNREFERENCED_PARAMETER(Object);
+  UNREFERENCED_PARAMETER(HandleAttributes);
+  UNREFERENCED_PARAMETER(PassedAccessState);
+  UNREFERENCED_PARAMETER(DesiredAccess);
+  UNREFERENCED_PARAMETER(ObjectType);
+  UNREFERENCED_PARAMETER(AccessMode);
+  UNREFERENCED_PARAMETER(Handle);
+  return STATUS_NOT_IMPLEMENTED;
+}
+
+static NTSTATUS sk_FallbackQueryInformationThread(HANDLE ThreadHandle, THREADINFOCLASS ThreadInformationClass,
+                                                  PVOID ThreadInformation, ULONG ThreadInformationLength,
+                                                  PULONG ReturnLength) {
+  UNREFERENCED_PARAMETER(ThreadHandle);
+  UNREFERENCED_PARAMETER(ThreadInformationClass);
+  UNREFERENCED_PARAMETER(ThreadInformation);
+  UNREFERENCED_PARAMETER(ThreadInformationLength);
+  UNREFERENCED_PARAMETER(ReturnLength);
+  return STATUS_NOT_IMPLEMENTED;
+}
+
+// No parameter block to read: command lines and current directories go unreported.
+static PPEB sk_FallbackGetProcessPeb(PEPROCESS Process) {
+  UNREFERENCED_PARAMETER(Process);
+  return NULL;
+}
+
+// Every process counts as native: the module walk starts where a 64-bit process's images lie.
+static PVOID sk_FallbackGetProcessWow64Process(PEPROCESS Process) {
+  UNREFERENCED_PARAMETER(Process);
+  return NULL;
+}
+
 // From the kernel image's export table once the image is known; otherwise the kernel's own lookup.
 static PVOID sk_LookupRoutine(PSENTREL_DATA Data, PCWSTR Name) {
   UNICODE_STRING name;
@@ -70,4 +106,15 @@ void sk_ResolveOptionalRoutines(PSENTREL_DATA Data) {
   if (routine) SK_INFO("PsReleaseProcessExitSynchronization:0x%p\n", routine);
   Data->PsReleaseProcessExitSynchronization = routine ? (PSK_PS_RELEASE_PROCESS_EXIT_SYNCHRONIZATION)routine
                                                       : sk_FallbackReleaseProcessExitSynchronization;
+
+  routine = sk_LookupRoutine(Data, L"ObOpenObjectByPointer");
+  Data->ObOpenObjectByPointer = routine ? (PSK_OB_OPEN_OBJECT_BY_POINTER)routine : sk_FallbackOpenObjectByPointer;
+  routine = sk_LookupRoutine(Data, L"ZwQueryInformationThread");
+  Data->ZwQueryInformationThread =
+      routine ? (PSK_ZW_QUERY_INFORMATION_THREAD)routine : sk_FallbackQueryInformationThread;
+  routine = sk_LookupRoutine(Data, L"PsGetProcessPeb");
+  Data->PsGetProcessPeb = routine ? (PSK_PS_GET_PROCESS_PEB)routine : sk_FallbackGetProcessPeb;
+  routine = sk_LookupRoutine(Data, L"PsGetProcessWow64Process");
+  Data->PsGetProcessWow64Process =
+      routine ? (PSK_PS_GET_PROCESS_WOW64_PROCESS)routine : sk_FallbackGetProcessWow64Process;
 }

@@ -52,6 +52,10 @@ typedef struct _SENTREL_DATA {
   PSK_PS_REFERENCE_PROCESS_FILE_POINTER PsReferenceProcessFilePointer;
   PSK_PS_ACQUIRE_PROCESS_EXIT_SYNCHRONIZATION PsAcquireProcessExitSynchronization;
   PSK_PS_RELEASE_PROCESS_EXIT_SYNCHRONIZATION PsReleaseProcessExitSynchronization;
+  PSK_OB_OPEN_OBJECT_BY_POINTER ObOpenObjectByPointer;
+  PSK_ZW_QUERY_INFORMATION_THREAD ZwQueryInformationThread;
+  PSK_PS_GET_PROCESS_PEB PsGetProcessPeb;
+  PSK_PS_GET_PROCESS_WOW64_PROCESS PsGetProcessWow64Process;
 } SENTREL_DATA, *PSENTREL_DATA;
 
 static_assert(sizeof(SENTREL_DATA) <= 0xFFFF, "the record's size fits its 16-bit Size");

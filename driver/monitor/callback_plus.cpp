@@ -17,8 +17,10 @@ SK_CALLBACK_SLOT ThreadNotifySlots[SK_CALLBACK_SLOT_COUNT];
 volatile LONG ThreadNotifyCount;
 SK_CALLBACK_SLOT ImageNotifySlots[SK_CALLBACK_SLOT_COUNT];
 volatile BOOLEAN ImageNotifyEnabled;
-// Held only on the slow reference path and to flush a replacement; never across a routine.
-static EX_PUSH_LOCK CallbackFlushLock;
+// How many slow-path references are between reading a slot and taking their reference. A
+// replacement waits for it to fall to zero after its exchange. (A push lock did this before; the
+// push-lock routines are documented only from Windows 10 version 1809, and Sentrel loads on 7.)
+static volatile LONG CallbackSlowReaders;
 static PSK_SET_PROCESS_NOTIFY_EX2 SetProcessNotifyEx2Routine;
 
 static BOOLEAN sk_CallbackKindActive(LONG Bit) { return (SK_READ_ONCE(SentrelData.InitFlags) & Bit) != 0; }
@@ -75,13 +77,15 @@ PSK_CALLBACK_BLOCK sk_ReferenceCallbackBlock(SK_CALLBACK_SLOT *Slot) {
     return block;
   }
 
-  // Slow path: the slot holds a block with an empty reserve. The lock keeps a replacement from
-  // completing between reading the address and taking the reference.
+  // Slow path: the slot holds a block with an empty reserve. Being counted keeps a replacement
+  // from completing between reading the address and taking the reference: the interlocked add
+  // comes before the read, so a replacer whose exchange follows the read sees the count. The
+  // critical region keeps the thread from being suspended while replacers wait on it.
   KeEnterCriticalRegion();
-  ExfAcquirePushLockExclusive(&CallbackFlushLock);
+  InterlockedIncrement(&CallbackSlowReaders);
   block = sk_SlotBlock((ULONG64)SK_READ_ONCE(*Slot));
   if (block && !ExAcquireRundownProtection(&block->RundownRef)) block = NULL;  // being run down
-  ExfReleasePushLockExclusive(&CallbackFlushLock);
+  InterlockedDecrement(&CallbackSlowReaders);
   KeLeaveCriticalRegion();
   return block;
 }
@@ -118,15 +122,15 @@ BOOLEAN sk_ReplaceCallbackBlock(SK_CALLBACK_SLOT *Slot, PSK_CALLBACK_BLOCK NewBl
     word = seen;
   }
   if (OldBlock) {
-    // Wait out a slow-path reference that may have read the old address before the exchange: it
-    // either holds its reference already or will find the slot changed.
-    KeEnterCriticalRegion();
+    // Wait out a slow-path reference that may have read the old address before the exchange: once
+    // the count is zero, each such reader holds its reference already or failed to take it. Slow
+    // paths are short and rare (a reserve runs dry once per SK_CALLBACK_CACHE_MAX references).
     SK_FULL_BARRIER();
-    if (SK_READ_ONCE(CallbackFlushLock) & 1) {
-      ExfAcquirePushLockExclusive(&CallbackFlushLock);
-      ExfReleasePushLockExclusive(&CallbackFlushLock);
+    while (SK_READ_ONCE(CallbackSlowReaders) != 0) {
+      LARGE_INTEGER interval;
+      interval.QuadPart = -10 * 1000;  // 1 ms
+      KeDelayExecutionThread(KernelMode, FALSE, &interval);
     }
-    KeLeaveCriticalRegion();
     // What the slot held for the old block: its reserve and its own reference.
     ExReleaseRundownProtectionEx(&OldBlock->RundownRef, (ULONG)(word & SK_SLOT_COUNT_MASK) + 1);
   }

@@ -61,10 +61,24 @@ static int skt_CompareExportName(PANSI_STRING Wanted, const UCHAR *ExportName) {
   }
 }
 
+// The export directory of a loaded image, read from its own headers. (RtlImageDirectoryEntryToData
+// would do it, but it has no reference page, and Sentrel imports only what Windows 7 documents.)
+static PIMAGE_EXPORT_DIRECTORY skt_ImageExportDirectory(PUCHAR Base) {
+  PIMAGE_DOS_HEADER dos = (PIMAGE_DOS_HEADER)Base;
+  PIMAGE_NT_HEADERS64 nt;
+  PIMAGE_DATA_DIRECTORY entry;
+
+  if (dos->e_magic != IMAGE_DOS_SIGNATURE) return NULL;
+  nt = (PIMAGE_NT_HEADERS64)(Base + dos->e_lfanew);
+  if (nt->Signature != IMAGE_NT_SIGNATURE || nt->OptionalHeader.Magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC) return NULL;
+  if (nt->OptionalHeader.NumberOfRvaAndSizes <= IMAGE_DIRECTORY_ENTRY_EXPORT) return NULL;
+  entry = &nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+  return entry->VirtualAddress ? (PIMAGE_EXPORT_DIRECTORY)(Base + entry->VirtualAddress) : NULL;
+}
+
 PVOID skt_FindExportedRoutineByName(PVOID ImageBase, PANSI_STRING RoutineName) {
   PUCHAR base = (PUCHAR)ImageBase;
   PIMAGE_EXPORT_DIRECTORY directory;
-  ULONG directorySize = 0;
   PULONG names;
   PUSHORT ordinals;
   PULONG functions;
@@ -79,8 +93,7 @@ PVOID skt_FindExportedRoutineByName(PVOID ImageBase, PANSI_STRING RoutineName) {
     goto Leave;
   }
   SK_INFO("find %Z\n", RoutineName);
-  directory = (PIMAGE_EXPORT_DIRECTORY)RtlImageDirectoryEntryToData(ImageBase, TRUE, IMAGE_DIRECTORY_ENTRY_EXPORT,
-                                                                      &directorySize);
+  directory = skt_ImageExportDirectory(base);
   if (!directory) {
     SK_ERROR("Can't find Export Directory\n");
     goto Leave;

@@ -2,6 +2,7 @@
 
 #include "core/debug_log.h"
 #include "core/pool_tags.h"
+#include "core/sentrel_data.h"
 #include "monitor/system_snapshot.h"
 #include "names/string_block.h"
 #include "platform/guarded_memory.h"
@@ -36,7 +37,7 @@ static_assert(FIELD_OFFSET(SK_PROCESS_PARAMETERS, CurrentDirectoryDosPath) == 0x
 static_assert(FIELD_OFFSET(SK_PROCESS_PARAMETERS, CommandLine) == 0x70, "the 64-bit layout");
 
 NTSTATUS skt_GetProcessParametersFromPeb(PEPROCESS Process, PVOID *ProcessParameters) {
-  PUCHAR peb = (PUCHAR)PsGetProcessPeb(Process);
+  PUCHAR peb = (PUCHAR)SentrelData.PsGetProcessPeb(Process);
   if (!peb) return STATUS_INSUFFICIENT_RESOURCES;
   return skt_SafeCopyMemory(ProcessParameters, peb + SK_PEB_PROCESS_PARAMETERS, sizeof(PVOID));
 }
@@ -139,12 +140,13 @@ NTSTATUS skt_GetThreadWin32StartAddress(PETHREAD Thread, PVOID *StartAddress) {
   PVOID start = NULL;
 
   SK_ENTER();
-  status = ObOpenObjectByPointer(Thread, OBJ_KERNEL_HANDLE, NULL, THREAD_QUERY_INFORMATION, NULL, KernelMode, &handle);
+  status = SentrelData.ObOpenObjectByPointer(Thread, OBJ_KERNEL_HANDLE, NULL, THREAD_QUERY_INFORMATION, NULL,
+                                             KernelMode, &handle);
   if (!NT_SUCCESS(status)) {
     SK_ERROR("ObOpenObjectByPointer fail Status:%08lx\n", status);
     goto Exit;
   }
-  status = ZwQueryInformationThread(handle, ThreadQuerySetWin32StartAddress, &start, sizeof(start), NULL);
+  status = SentrelData.ZwQueryInformationThread(handle, ThreadQuerySetWin32StartAddress, &start, sizeof(start), NULL);
   if (NT_SUCCESS(status)) {
     SK_INFO("Win32StartAddress:0x%0x\n", (ULONG)(ULONG_PTR)start);
     *StartAddress = start;
@@ -180,7 +182,8 @@ NTSTATUS skt_QueryModuleInfo_VirtualMemory_Process(PEPROCESS Process, PSKT_MODUL
     KeStackAttachProcess((PKPROCESS)Process, &apcState);
     attached = TRUE;
   }
-  status = ObOpenObjectByPointer(Process, OBJ_KERNEL_HANDLE, NULL, PROCESS_QUERY_INFORMATION, NULL, KernelMode, &handle);
+  status = SentrelData.ObOpenObjectByPointer(Process, OBJ_KERNEL_HANDLE, NULL, PROCESS_QUERY_INFORMATION, NULL,
+                                             KernelMode, &handle);
   if (!NT_SUCCESS(status)) {
     SK_ERROR("ObOpenObjectByPointer fail Status:%08lx\n", status);
     goto Exit;
@@ -194,7 +197,7 @@ NTSTATUS skt_QueryModuleInfo_VirtualMemory_Process(PEPROCESS Process, PSKT_MODUL
 
   // A run of image regions stays open across reserved or private regions (a later image region
   // extends it); only a free region closes it, and then the run is reported under its file name.
-  address = PsGetProcessWow64Process(Process) ? SK_WALK_START_WOW64 : SK_WALK_START;
+  address = SentrelData.PsGetProcessWow64Process(Process) ? SK_WALK_START_WOW64 : SK_WALK_START;
   for (count = 0; count < SK_WALK_REGION_LIMIT; ++count) {
     status = ZwQueryVirtualMemory(handle, (PVOID)address, MemoryBasicInformation, &region, sizeof(region), &returned);
     if (!NT_SUCCESS(status)) {

@@ -8,11 +8,6 @@
 
 typedef VOID (*SK_PATH_SPLITTER)(PCUNICODE_STRING Path, PUNICODE_STRING FirstName, PUNICODE_STRING RemainingName);
 
-// FsRtlDissectName takes its path by value; this gives it the splitter's shape.
-static VOID skt_DissectFirstName(PCUNICODE_STRING Path, PUNICODE_STRING FirstName, PUNICODE_STRING RemainingName) {
-  FsRtlDissectName(*Path, FirstName, RemainingName);
-}
-
 static ULONG skt_ComponentHash(PCUNICODE_STRING Component) {
   ULONG hash = 0;
   // Cannot fail: the string and the result are there and the algorithm is a known one.
@@ -159,7 +154,7 @@ NTSTATUS skt_AddPathRule(PathRuleMgr *Rules, PCUNICODE_STRING Pattern) {
     parent = &Rules->ReverseRoot;
     counter = &Rules->ReverseCount;
     split = skt_DissectLastName;
-    FsRtlDissectName(*Pattern, &first, &rest);
+    skt_DissectFirstName(Pattern, &first, &rest);
     split(&rest, &first, &remaining);
   } else {
     parent = &Rules->ForwardRoot;

@@ -63,6 +63,10 @@ NTSTATUS skt_CheckPathRule(PCUNICODE_STRING Pattern, BOOLEAN *IsSuffix);
 // RemainingName everything before the backslash in front of it. A path without such a backslash
 // at an index above 0 is all first name, a leading backslash included. Both point into Path.
 VOID skt_DissectLastName(PCUNICODE_STRING Path, PUNICODE_STRING FirstName, PUNICODE_STRING RemainingName);
+// Splits Path from its start as FsRtlDissectName does (one leading backslash ignored; FirstName up to
+// the next backslash, RemainingName everything after that one backslash), without it: its reference
+// page names no Windows version, and Sentrel loads on Windows 7. Both point into Path.
+VOID skt_DissectFirstName(PCUNICODE_STRING Path, PUNICODE_STRING FirstName, PUNICODE_STRING RemainingName);
 // Adds one checked pattern; a rule added twice leaves the tries as they were but counts again.
 NTSTATUS skt_AddPathRule(PathRuleMgr *Rules, PCUNICODE_STRING Pattern);
 // STATUS_SUCCESS when Path matches a rule of either trie, else STATUS_NOT_FOUND. No allocation.

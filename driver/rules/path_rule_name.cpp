@@ -47,3 +47,18 @@ VOID skt_DissectLastName(PCUNICODE_STRING Path, PUNICODE_STRING FirstName, PUNIC
     FirstName->Length = FirstName->MaximumLength = (USHORT)(end * sizeof(WCHAR));
   }
 }
+
+VOID skt_DissectFirstName(PCUNICODE_STRING Path, PUNICODE_STRING FirstName, PUNICODE_STRING RemainingName) {
+  USHORT chars = Path->Length / sizeof(WCHAR);
+  USHORT start = (chars > 0 && Path->Buffer[0] == L'\\') ? 1 : 0;
+  USHORT end = start;  // one past the last character of the first name
+
+  while (end < chars && Path->Buffer[end] != L'\\') ++end;
+  // An empty first name still points into a path that has characters, as the kernel's does.
+  FirstName->Buffer = chars > 0 ? Path->Buffer + start : NULL;
+  FirstName->Length = FirstName->MaximumLength = (USHORT)((end - start) * sizeof(WCHAR));
+  // Only the one backslash after the first name goes; the rest is left as it is.
+  RemainingName->Buffer = end + 1 < chars ? Path->Buffer + end + 1 : NULL;
+  RemainingName->Length = RemainingName->MaximumLength =
+      end + 1 < chars ? (USHORT)((chars - end - 1) * sizeof(WCHAR)) : 0;
+}

@@ -229,6 +229,24 @@ bool DecodeCommonInfo(const uint8_t* block, size_t length, Json* out, std::strin
   return true;
 }
 
+bool DecodeProcessDescription(const uint8_t* answer, size_t length, Json* out, std::string* error) {
+  if (length < sizeof(PACKAGE_HEADER)) {
+    *error = "an answer of " + std::to_string(length) + " bytes has no header";
+    return false;
+  }
+  uint32_t total = sk_LoadLe32(answer, SK_OFFSETOF(PACKAGE_HEADER, Length));
+  uint32_t type = sk_LoadLe32(answer, SK_OFFSETOF(PACKAGE_HEADER, Type));
+  if (type != SK_PACK_COMMON_INFO_TYPE) {
+    *error = "the answer has type " + std::to_string(type);
+    return false;
+  }
+  if (total < sizeof(PACKAGE_HEADER) || total > length) {
+    *error = "the answer's length " + std::to_string(total) + " does not fit its " + std::to_string(length) + " bytes";
+    return false;
+  }
+  return DecodeCommonInfo(answer + sizeof(PACKAGE_HEADER), total - sizeof(PACKAGE_HEADER), out, error);
+}
+
 Json DecodeEvent(const uint8_t* packet, size_t length) {
   Json event;
   if (length < SK_PACKET_MIN_SIZE) {

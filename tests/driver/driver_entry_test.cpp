@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "core/debug_log.h"
+#include "core/optional_routines.h"
 #include "core/sentrel_data.h"
+#include "monitor/process_query.h"
 #include "test_support.h"
 
 using namespace sentrel_test;
@@ -360,6 +362,40 @@ TEST(OptionalRoutinesTest, AModuleListWithoutTheKernelImageResolvesByName) {
   EXPECT_EQ(data.PsReferenceProcessFilePointer(app.Process(), &file), STATUS_NOT_IMPLEMENTED);
   PUNICODE_STRING name = nullptr;
   EXPECT_EQ(data.SeLocateProcessImageName(app.Process(), &name), STATUS_NOT_IMPLEMENTED);
+}
+
+}  // namespace
+
+namespace {
+
+// The routines Sentrel looks up because their reference pages name no Windows version: on a kernel
+// without them the driver still loads and leaves nothing behind, and the queries that need them
+// answer without them. Without ObOpenObjectByPointer the device gets no access list, and the load
+// fails cleanly instead of the kernel refusing the image.
+TEST(OptionalRoutinesTest, AKernelWithoutTheUndocumentedRoutinesStillLoadsTheDriver) {
+  World::Options options;
+  options.machine.missingRoutines = {"PsGetProcessPeb", "PsGetProcessWow64Process", "ZwQueryInformationThread"};
+  World world(options);
+  ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
+  // The queries below are this test's own copy of the driver's routines: their table is filled here.
+  world.AsSystem([] { sk_ResolveOptionalRoutines(&SentrelData); });
+  UserProcess& app = world.StartProcess(u"notepad.exe");
+  PETHREAD thread = world.kernel().ps.FindThread(world.StartThread(app, nullptr, 0x7FF612345678));
+  PVOID start = nullptr;
+  EXPECT_EQ(world.AsSystem([&] { return skt_GetThreadWin32StartAddress(thread, &start); }), STATUS_NOT_IMPLEMENTED);
+  EXPECT_EQ(start, nullptr);
+  PVOID parameters = nullptr;
+  EXPECT_NE(world.AsSystem([&] { return skt_GetProcessParametersFromPeb(app.Process(), &parameters); }),
+            STATUS_SUCCESS);
+  world.ExitProcess(app);
+  ntsim::Verdict verdict = world.UnloadDriver();
+  EXPECT_TRUE(verdict.Clean()) << verdict.Report();
+
+  World::Options noOpen;
+  noOpen.machine.missingRoutines = {"ObOpenObjectByPointer"};
+  World bare(noOpen);
+  EXPECT_EQ(bare.LoadDriver(), STATUS_NOT_IMPLEMENTED);
+  EXPECT_TRUE(bare.LastVerdict().Clean()) << bare.LastVerdict().Report();
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "core/debug_log.h"
+#include "core/optional_routines.h"
+#include "core/sentrel_data.h"
 #include "test_support.h"
 
 namespace sentrel_test {
@@ -14,6 +16,8 @@ class QueryTest : public ::testing::Test {
   void SetUp() override {
     PrintLevel = SK_LEVEL_ERROR | SK_LEVEL_INFO;
     TraceLevel = SK_TRACE_TOOL;
+    // The queries reach some kernel routines through the table the driver fills at load.
+    world.AsSystem([] { sk_ResolveOptionalRoutines(&SentrelData); });
   }
   void TearDown() override {
     world.verifier().FailNth(0);

@@ -285,7 +285,7 @@ TEST_F(RuleEngineTest, SystemRootPatternsTakeTheFormOfTheirEventType) {
   EXPECT_EQ(Blocks(SK_TAG_STRING_BLOCK), blocks) << "the converted patterns are freed";
 }
 
-TEST_F(RuleEngineTest, PathsSplitFromTheirEnd) {
+TEST_F(RuleEngineTest, PathsSplitFromTheirEndAndFromTheirStart) {
   struct Case {
     const char16_t* path;
     const char16_t* first;
@@ -303,6 +303,22 @@ TEST_F(RuleEngineTest, PathsSplitFromTheirEnd) {
     if (first.Length) {
       EXPECT_GE(first.Buffer, path.Buffer) << "the names point into the path";
     }
+  }
+
+  // From their start, as FsRtlDissectName splits them (its reference page's examples), and as the
+  // simulated kernel's FsRtlDissectName does.
+  for (const Case& c : {Case{u"", u"", u""}, Case{u"A", u"A", u""}, Case{u"A\\B\\C\\D\\E", u"A", u"B\\C\\D\\E"},
+                        Case{u"*A?", u"*A?", u""}, Case{u"\\A", u"A", u""}, Case{u"A[,]", u"A[,]", u""},
+                        Case{u"A\\\\B+;\\C", u"A", u"\\B+;\\C"}, Case{u"\\", u"", u""}, Case{u"A\\", u"A", u""},
+                        Case{u"\\\\A", u"", u"A"}}) {
+    std::u16string text = c.path;
+    UNICODE_STRING path = Counted(text), first, remaining, kernelFirst, kernelRemaining;
+    skt_DissectFirstName(&path, &first, &remaining);
+    EXPECT_EQ(Text(&first), c.first) << ntsim::ToUtf8(text);
+    EXPECT_EQ(Text(&remaining), c.remaining) << ntsim::ToUtf8(text);
+    FsRtlDissectName(path, &kernelFirst, &kernelRemaining);
+    EXPECT_EQ(Text(&first), Text(&kernelFirst)) << ntsim::ToUtf8(text);
+    EXPECT_EQ(Text(&remaining), Text(&kernelRemaining)) << ntsim::ToUtf8(text);
   }
 
   BOOLEAN suffix = FALSE;

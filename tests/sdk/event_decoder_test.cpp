@@ -7,6 +7,7 @@
 #include "sentrel/event_data.h"
 #include "sentrel/packet_build.h"
 #include "sentrel_sdk/event_decoder.h"
+#include "sentrel_sdk/event_line.h"
 
 namespace {
 
@@ -184,6 +185,57 @@ TEST(EventDecoderTest, AProducersEventKeepsItsBodyInHex) {
   sk_StoreLe32(packet.data(), 48, 57);
   EXPECT_EQ(Decode(packet)["event"], "type_57");
   EXPECT_EQ(sentrel_sdk::DecodeEvent(packet.data(), 40)["malformed"], "shorter than a packet");
+}
+
+}  // namespace
+
+namespace {
+
+// The answer to IOCTL_SK_QUERY_PACKCOMINFO: a header of type SK_PACK_COMMON_INFO_TYPE, then the
+// three packages.
+std::vector<uint8_t> Description(const std::vector<uint8_t>& block) {
+  std::vector<uint8_t> answer(sizeof(PACKAGE_HEADER));
+  sk_StoreLe32(answer.data(), 0, static_cast<uint32_t>(sizeof(PACKAGE_HEADER) + block.size()));
+  sk_StoreLe32(answer.data(), 4, SK_PACK_COMMON_INFO_TYPE);
+  answer.insert(answer.end(), block.begin(), block.end());
+  return answer;
+}
+
+TEST(EventDecoderTest, AProcessDescriptionDecodesLikeAnEventsPackages) {
+  std::vector<uint8_t> answer = Description(CommonBlock());
+  answer.resize(answer.size() + 100, 0xEE);  // the rest of the caller's buffer is not looked at
+  Json description = Json::object();
+  std::string error;
+  ASSERT_TRUE(sentrel_sdk::DecodeProcessDescription(answer.data(), answer.size(), &description, &error)) << error;
+  Json event = Decode(Event(ET_IMAGE_LOAD, CommonBlock(), Builder(sizeof(IMAGE_LOAD_EVENT_DATA)).Bytes()));
+  EXPECT_EQ(description["process"], event["process"]);
+  EXPECT_EQ(description["logon"], event["logon"]);
+  EXPECT_EQ(description["tree"], event["tree"]);
+
+  std::vector<uint8_t> wrongType = Description(CommonBlock());
+  sk_StoreLe32(wrongType.data(), 4, SK_PACKAGE_PROC_INFO);
+  EXPECT_FALSE(sentrel_sdk::DecodeProcessDescription(wrongType.data(), wrongType.size(), &description, &error));
+  EXPECT_EQ(error, "the answer has type 1");
+  std::vector<uint8_t> cut = Description(CommonBlock());
+  EXPECT_FALSE(sentrel_sdk::DecodeProcessDescription(cut.data(), cut.size() - 1, &description, &error));
+  EXPECT_NE(error.find("does not fit"), std::string::npos) << error;
+  EXPECT_FALSE(sentrel_sdk::DecodeProcessDescription(cut.data(), 11, &description, &error));
+}
+
+TEST(EventLineTest, TheNameAndTheBufferComeFirstThenWhatTheDecoderGives) {
+  std::vector<uint8_t> packet = Event(ET_DRIVER_LOAD, CommonBlock(), Builder(sizeof(DRIVER_LOAD_EVENT_DATA)).Bytes());
+  sentrel_sdk::RingRecord record;
+  record.data = packet.data();
+  record.length = static_cast<uint32_t>(packet.size());
+  record.buffer = 3;
+  Json line = sentrel_sdk::EventLine(record);
+  std::vector<std::string> keys;
+  for (auto& [key, value] : line.items()) keys.push_back(key);
+  EXPECT_EQ(keys, (std::vector<std::string>{"event", "cpu", "src_pid", "length", "process", "logon", "tree", "data"}));
+  EXPECT_EQ(line["cpu"], 3);
+  EXPECT_EQ(sentrel_sdk::EventLineKind(line), "ET_DRIVER_LOAD");
+  record.length = 20;  // too short to name its event
+  EXPECT_EQ(sentrel_sdk::EventLineKind(sentrel_sdk::EventLine(record)), "malformed");
 }
 
 }  // namespace

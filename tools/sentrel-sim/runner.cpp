@@ -11,6 +11,7 @@
 #include "sentrel/packet_build.h"
 #include "sentrel/ring_buffer.h"
 #include "sentrel_sdk/event_decoder.h"
+#include "sentrel_sdk/event_line.h"
 #include "sentrel_sdk/loss_report.h"
 #include "sentrel_sdk/ring_reader.h"
 #include "world.h"
@@ -498,12 +499,8 @@ class Runner {
     size_t total = 0;
     for (;;) {
       size_t read = reader_->DrainAll([&](const sentrel_sdk::RingRecord& record) {
-        Json decoded = sentrel_sdk::DecodeEvent(record.data, record.length);
-        Json line = {{"event", decoded["event"]}, {"cpu", record.buffer}};
-        for (auto& [key, value] : decoded.items()) {
-          if (key != "event") line[key] = value;
-        }
-        std::string type = decoded["event"].is_string() ? decoded["event"].get<std::string>() : "malformed";
+        Json line = sentrel_sdk::EventLine(record);
+        std::string type = sentrel_sdk::EventLineKind(line);
         events_[type] = events_.contains(type) ? events_[type].get<uint64_t>() + 1 : 1;
         Emit(line);
       });

@@ -7,6 +7,7 @@
 // SID is a well-known alias (SY, BA, BU, WD, RC, AU, LS, NS) or "S-1-...". Anything else is refused
 // with STATUS_INVALID_PARAMETER before the device is created.
 #include "platform/nt.h"
+#include "core/optional_routines.h"
 #include "core/pool_tags.h"
 
 #define SK_SDDL_MAX_ACES 16
@@ -155,7 +156,12 @@ static NTSTATUS sk_ParseSddl(PCUNICODE_STRING Text, SK_SDDL *Sddl) {
   return Sddl->AceCount ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
 }
 
+// A SID of Count sub-authorities: revision, count, the 6-byte authority, then the sub-authorities.
+#define SK_SID_LENGTH(Count) (8u + 4u * (ULONG)(Count))
+
 // Builds the absolute security descriptor and its ACL in one pool block, then sets it on the device.
+// The ACL and its SIDs are written here rather than with RtlCreateAcl, RtlAddAccessAllowedAce and
+// RtlLengthRequiredSid, whose reference pages name no Windows version (Sentrel loads on Windows 7).
 static NTSTATUS sk_ApplySddl(PDEVICE_OBJECT DeviceObject, const SK_SDDL *Sddl) {
   NTSTATUS status;
   ULONG aclSize = sizeof(ACL);
@@ -163,35 +169,49 @@ static NTSTATUS sk_ApplySddl(PDEVICE_OBJECT DeviceObject, const SK_SDDL *Sddl) {
   PUCHAR block = NULL;
   PSECURITY_DESCRIPTOR sd;
   PACL acl;
-  PUCHAR sidArea;
+  PUCHAR next;
   HANDLE handle = NULL;
 
   for (i = 0; i < Sddl->AceCount; ++i) {
-    aclSize += (ULONG)FIELD_OFFSET(ACCESS_ALLOWED_ACE, SidStart) + RtlLengthRequiredSid(Sddl->Aces[i].SubAuthorityCount);
+    aclSize += (ULONG)FIELD_OFFSET(ACCESS_ALLOWED_ACE, SidStart) + SK_SID_LENGTH(Sddl->Aces[i].SubAuthorityCount);
   }
-  block = (PUCHAR)ExAllocatePoolWithTag(PagedPool, sizeof(SECURITY_DESCRIPTOR) + aclSize + 8 + 4 * SK_SDDL_MAX_SUBAUTH,
-                                        SK_TAG_SECURITY);
+  block = (PUCHAR)ExAllocatePoolWithTag(PagedPool, sizeof(SECURITY_DESCRIPTOR) + aclSize, SK_TAG_SECURITY);
   if (!block) return STATUS_INSUFFICIENT_RESOURCES;
+  RtlZeroMemory(block, sizeof(SECURITY_DESCRIPTOR) + aclSize);
   sd = (PSECURITY_DESCRIPTOR)block;
   acl = (PACL)(block + sizeof(SECURITY_DESCRIPTOR));
-  sidArea = (PUCHAR)acl + aclSize;
+
+  acl->AclRevision = ACL_REVISION;
+  acl->AclSize = (USHORT)aclSize;
+  next = (PUCHAR)(acl + 1);
+  for (i = 0; i < Sddl->AceCount; ++i) {
+    const SK_SDDL_ACE *ace = &Sddl->Aces[i];
+    ACCESS_ALLOWED_ACE *entry = (ACCESS_ALLOWED_ACE *)next;
+    PUCHAR sid = (PUCHAR)&entry->SidStart;
+    ULONG j;
+    entry->Header.AceType = ACCESS_ALLOWED_ACE_TYPE;
+    entry->Header.AceSize = (USHORT)(FIELD_OFFSET(ACCESS_ALLOWED_ACE, SidStart) + SK_SID_LENGTH(ace->SubAuthorityCount));
+    entry->Mask = ace->Mask;
+    sid[0] = SID_REVISION;
+    sid[1] = (UCHAR)ace->SubAuthorityCount;
+    sid[7] = ace->Authority;  // the authority is big-endian; ours fit its last byte
+    for (j = 0; j < ace->SubAuthorityCount; ++j) RtlCopyMemory(sid + 8 + 4 * j, &ace->SubAuthority[j], sizeof(ULONG));
+    ++acl->AceCount;
+    next += entry->Header.AceSize;
+  }
 
   status = RtlCreateSecurityDescriptor(sd, SECURITY_DESCRIPTOR_REVISION);
-  if (NT_SUCCESS(status)) status = RtlCreateAcl(acl, aclSize, ACL_REVISION);
-  for (i = 0; NT_SUCCESS(status) && i < Sddl->AceCount; ++i) {
-    const SK_SDDL_ACE *ace = &Sddl->Aces[i];
-    SID_IDENTIFIER_AUTHORITY authority = {{0, 0, 0, 0, 0, ace->Authority}};
-    ULONG j;
-    status = RtlInitializeSid((PSID)sidArea, &authority, ace->SubAuthorityCount);
-    for (j = 0; NT_SUCCESS(status) && j < ace->SubAuthorityCount; ++j) {
-      *RtlSubAuthoritySid((PSID)sidArea, j) = ace->SubAuthority[j];
-    }
-    if (NT_SUCCESS(status)) status = RtlAddAccessAllowedAce(acl, ACL_REVISION, ace->Mask, (PSID)sidArea);
-  }
   if (NT_SUCCESS(status)) status = RtlSetDaclSecurityDescriptor(sd, TRUE, acl, FALSE);
   if (NT_SUCCESS(status) && Sddl->Protected) ((SECURITY_DESCRIPTOR *)sd)->Control |= SE_DACL_PROTECTED;
   if (NT_SUCCESS(status)) {
-    status = ObOpenObjectByPointer(DeviceObject, OBJ_KERNEL_HANDLE, NULL, WRITE_DAC, NULL, KernelMode, &handle);
+    // Looked up by name: its reference page names no Windows version. This runs in DriverEntry,
+    // before the driver's table of such routines is filled.
+    UNICODE_STRING name;
+    PSK_OB_OPEN_OBJECT_BY_POINTER openObject;
+    RtlInitUnicodeString(&name, L"ObOpenObjectByPointer");
+    openObject = (PSK_OB_OPEN_OBJECT_BY_POINTER)MmGetSystemRoutineAddress(&name);
+    status = openObject ? openObject(DeviceObject, OBJ_KERNEL_HANDLE, NULL, WRITE_DAC, NULL, KernelMode, &handle)
+                        : STATUS_NOT_IMPLEMENTED;
   }
   if (NT_SUCCESS(status)) {
     status = ZwSetSecurityObject(handle, DACL_SECURITY_INFORMATION, sd);

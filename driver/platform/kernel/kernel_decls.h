@@ -6,12 +6,6 @@
 extern "C" {
 #endif
 
-// Push locks (the mingw-w64 DDK defines EX_PUSH_LOCK but not its exported routines).
-NTKERNELAPI VOID FASTCALL ExfAcquirePushLockExclusive(PEX_PUSH_LOCK PushLock);
-NTKERNELAPI VOID FASTCALL ExfReleasePushLockExclusive(PEX_PUSH_LOCK PushLock);
-NTKERNELAPI VOID FASTCALL ExfAcquirePushLockShared(PEX_PUSH_LOCK PushLock);
-NTKERNELAPI VOID FASTCALL ExfReleasePushLockShared(PEX_PUSH_LOCK PushLock);
-
 // Found at run time with MmGetSystemRoutineAddress: older kernels do not export it.
 typedef enum _PSCREATEPROCESSNOTIFYTYPE { PsCreateProcessNotifySubsystems = 0 } PSCREATEPROCESSNOTIFYTYPE;
 
@@ -25,11 +19,6 @@ typedef enum _PSCREATEPROCESSNOTIFYTYPE { PsCreateProcessNotifySubsystems = 0 } 
 #ifndef MEM_IMAGE
 #define MEM_IMAGE 0x01000000
 #endif
-NTKERNELAPI PPEB NTAPI PsGetProcessPeb(PEPROCESS Process);
-NTKERNELAPI PVOID NTAPI PsGetProcessWow64Process(PEPROCESS Process);
-NTSYSAPI NTSTATUS NTAPI ZwQueryInformationThread(HANDLE ThreadHandle, THREADINFOCLASS ThreadInformationClass,
-                                                 PVOID ThreadInformation, ULONG ThreadInformationLength,
-                                                 PULONG ReturnLength);
 
 typedef enum _MEMORY_INFORMATION_CLASS {
   MemoryBasicInformation = 0,
@@ -117,9 +106,6 @@ typedef struct _RTL_PROCESS_MODULES {
 NTSYSAPI NTSTATUS NTAPI NtQuerySystemInformation(SYSTEM_INFORMATION_CLASS SystemInformationClass,
                                                  PVOID SystemInformation, ULONG SystemInformationLength,
                                                  PULONG ReturnLength);
-NTSYSAPI PVOID NTAPI RtlImageDirectoryEntryToData(PVOID Base, BOOLEAN MappedAsImage, USHORT DirectoryEntry,
-                                                  PULONG Size);
-
 #ifdef __cplusplus
 }
 #endif

@@ -2,7 +2,7 @@
 // events with their three packages (the acting process, its logon session, its creators) and the
 // event data record, every field named; a producer's event with its body in hex.
 //
-// The fields, as docs/scenario.md lists them:
+// The fields, as docs/events.md lists them:
 //   {"event": "ET_IMAGE_LOAD", "src_pid": 1234, "length": n,
 //    "process": {...}, "logon": {...}, "tree": [{"process_id": n, "image_name": "..."}], "data": {...}}
 // or, for a packet that is not one of the driver's events,
@@ -28,6 +28,10 @@ Json DecodeEvent(const uint8_t* packet, size_t length);
 // answer to IOCTL_SK_QUERY_PACKCOMINFO after its header): sets "process", "logon" and "tree" in
 // out; false, with the reason in *error, if they do not add up.
 bool DecodeCommonInfo(const uint8_t* block, size_t length, Json* out, std::string* error);
+
+// The answer to IOCTL_SK_QUERY_PACKCOMINFO: a PACKAGE_HEADER of type SK_PACK_COMMON_INFO_TYPE over
+// the three packages; sets "process", "logon" and "tree" in out like DecodeCommonInfo.
+bool DecodeProcessDescription(const uint8_t* answer, size_t length, Json* out, std::string* error);
 
 // UTF-16LE to UTF-8; unpaired surrogates become U+FFFD.
 std::string Utf16ToUtf8(const uint8_t* bytes, size_t byteLength);

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "sentrel/control_codes.h"
+#include "sentrel/loss_counters.h"
 #include "sentrel/package.h"
 #include "sentrel/packet.h"
 #include "sentrel/packet_build.h"
@@ -68,6 +69,22 @@ DeviceAnswer Consumer::MapRingBuffers(std::optional<RingReader>* reader) {
   if (!result.Ok()) return result;
   *reader = RingReader::FromMapInfo(info.data(), result.bytes);
   if (!*reader) result.error = kErrorInvalidData;
+  return result;
+}
+
+DeviceAnswer Consumer::QueryLosses(std::optional<LossReport>* report) {
+  std::vector<uint8_t> out(SK_LOSS_COUNTERS_SIZE(kMaxBuffers, 256));
+  DeviceAnswer result;
+  // Queues come and go between two requests: a too-short answer's header says how long the whole
+  // one is, and the next request has that and room to spare.
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    result = device_.Control(IOCTL_SK_QUERY_LOSSES, nullptr, 0, out.data(), static_cast<uint32_t>(out.size()));
+    if (result.error != kErrorMoreData) break;
+    out.resize(sk_LoadLe32(out.data(), 0) + SK_LOSS_COUNTERS_SIZE(0, 256));
+  }
+  if (!result.Ok()) return result;
+  *report = DecodeLossReport(out.data(), result.bytes);
+  if (!*report) result.error = kErrorInvalidData;
   return result;
 }
 

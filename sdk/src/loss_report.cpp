@@ -31,4 +31,18 @@ std::optional<LossReport> DecodeLossReport(const void* answer, size_t length) {
   return report;
 }
 
+Json LossReportJson(const LossReport& report) {
+  Json buffers = Json::array(), queues = Json::array();
+  for (size_t i = 0; i < report.buffers.size(); ++i) {
+    buffers.push_back({{"cpu", i},
+                       {"overwritten", report.buffers[i].overwrittenRecords},
+                       {"dropped", report.buffers[i].droppedPackets}});
+  }
+  for (const QueueLosses& queue : report.queues) queues.push_back({{"pid", queue.processId}, {"evicted", queue.evicted}});
+  return {{"buffers", buffers},
+          {"consumer_queue_evicted", report.consumerQueueEvicted},
+          {"process_queues_evicted", report.processQueuesEvicted},
+          {"queues", queues}};
+}
+
 }  // namespace sentrel_sdk

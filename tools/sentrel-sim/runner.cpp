@@ -199,20 +199,7 @@ class Runner {
     }
     std::optional<sentrel_sdk::LossReport> report;
     if (result->status == STATUS_SUCCESS) report = sentrel_sdk::DecodeLossReport(answer.data(), result->information);
-    if (!report) return nullptr;
-    Json buffers = Json::array(), queues = Json::array();
-    for (size_t i = 0; i < report->buffers.size(); ++i) {
-      buffers.push_back({{"cpu", i},
-                         {"overwritten", report->buffers[i].overwrittenRecords},
-                         {"dropped", report->buffers[i].droppedPackets}});
-    }
-    for (const sentrel_sdk::QueueLosses& queue : report->queues) {
-      queues.push_back({{"pid", queue.processId}, {"evicted", queue.evicted}});
-    }
-    return {{"buffers", buffers},
-            {"consumer_queue_evicted", report->consumerQueueEvicted},
-            {"process_queues_evicted", report->processQueuesEvicted},
-            {"queues", queues}};
+    return report ? sentrel_sdk::LossReportJson(*report) : Json();
   }
   IoResult Write(Client& client, const std::vector<uint8_t>& bytes) {
     auto io = client.process->WriteFileOverlapped(client.handle, bytes.data(), static_cast<ULONG>(bytes.size()));

@@ -1,6 +1,6 @@
 // What a consumer asks of the driver, over any Device: register as the one consumer, set or read
-// the event mask, upload or delete white rules, ask for one process's description, and map the
-// ring buffers for a RingReader. Each call is one device-control request and returns its answer.
+// the event mask, upload or delete white rules, ask for one process's description, map the ring
+// buffers for a RingReader, and read the driver's loss counters. Each call is one device-control request and returns its answer.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,7 @@
 
 #include "sentrel_sdk/device.h"
 #include "sentrel_sdk/event_decoder.h"
+#include "sentrel_sdk/loss_report.h"
 #include "sentrel_sdk/ring_reader.h"
 #include "sentrel_sdk/white_rule_text.h"
 
@@ -34,6 +35,8 @@ class Consumer {
   // IOCTL_SK_MAP_RINGBUF: the buffers mapped into this process, and a reader over them. The
   // mapping lasts until this process exits.
   DeviceAnswer MapRingBuffers(std::optional<RingReader>* reader);
+  // IOCTL_SK_QUERY_LOSSES (consumer only): every loss counter of the driver, decoded into *report.
+  DeviceAnswer QueryLosses(std::optional<LossReport>* report);
 
  private:
   Device& device_;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "sentrel_sdk/event_decoder.h"
 #include "sentrel_sdk/ring_reader.h"
 
 namespace sentrel_sdk {
@@ -25,5 +26,9 @@ struct LossReport {
 
 // Nothing if the answer is shorter than its header says or its counts do not add up to its size.
 std::optional<LossReport> DecodeLossReport(const void* answer, size_t length);
+
+// As sentrel-sim and sentrel-events print it: {"buffers":[{"cpu","overwritten","dropped"},...],
+// "consumer_queue_evicted","process_queues_evicted","queues":[{"pid","evicted"},...]}.
+Json LossReportJson(const LossReport& report);
 
 }  // namespace sentrel_sdk

@@ -11,7 +11,7 @@
 PDRIVER_OBJECT SkDriverObject = NULL;
 PDEVICE_OBJECT SkDeviceObject = NULL;
 volatile BOOLEAN SentrelOnline = FALSE;
-volatile BOOLEAN LoadGuardReleased = FALSE;
+volatile LONG LoadGuardReleased = FALSE;
 
 static const WCHAR SkDeviceName[] = L"\\Sentrel";
 static const WCHAR SkLinkName[] = L"\\DosDevices\\Sentrel";
@@ -42,13 +42,20 @@ static NTSTATUS sk_DispatchInvalidRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp)
   return sk_CompleteRequest(Irp, STATUS_INVALID_DEVICE_REQUEST);
 }
 
-// Shutdown stops nothing: it only marks the run as ended in order, so that a later unload does not
-// lower the load count a second time.
+// A run ends in order once: the first of a shutdown, the unload and a failed load lowers the load
+// count, and nothing after it does. A second shutdown request lowering it again would hide a crash
+// from the count. A release that failed lowered nothing, so a later one may try again.
+static VOID sk_ReleaseLoadGuardOnce(void) {
+  if (InterlockedExchange(&LoadGuardReleased, TRUE) != FALSE) return;
+  if (!NT_SUCCESS(sk_LoadGuardRelease())) InterlockedExchange(&LoadGuardReleased, FALSE);
+}
+
+// Shutdown stops nothing: it only marks the run as ended in order.
 static NTSTATUS sk_DispatchShutdown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   NTSTATUS status;
   UNREFERENCED_PARAMETER(DeviceObject);
   SK_ENTER();
-  if (NT_SUCCESS(sk_LoadGuardRelease())) LoadGuardReleased = TRUE;
+  sk_ReleaseLoadGuardOnce();
   status = sk_CompleteRequest(Irp, STATUS_SUCCESS);
   SK_LEAVE(status);
   return status;
@@ -80,7 +87,7 @@ static VOID sk_DriverUnload(PDRIVER_OBJECT DriverObject) {
   }
   SK_LEAVE(status);
   sk_UninitDebugLevel();
-  if (!LoadGuardReleased) sk_LoadGuardRelease();
+  sk_ReleaseLoadGuardOnce();
 }
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
@@ -153,6 +160,6 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
 Fail:
   sk_TraceLeave(SK_TRACE_CORE, "Sentrel DriverEntry Leave", status);
   sk_UninitDebugLevel();
-  if (!LoadGuardReleased) sk_LoadGuardRelease();
+  sk_ReleaseLoadGuardOnce();
   return status;
 }

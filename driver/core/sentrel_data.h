@@ -73,7 +73,7 @@ extern SENTREL_DATA SentrelData;
 extern PDRIVER_OBJECT SkDriverObject;  // kept from entry on, before the context is initialised
 extern PDEVICE_OBJECT SkDeviceObject;
 extern volatile BOOLEAN SentrelOnline;    // reporters report only while set; read without a lock
-extern volatile BOOLEAN LoadGuardReleased;  // set by the shutdown handler, read by unload
+extern volatile LONG LoadGuardReleased;  // the run's end is counted; set once per load (interlocked)
 
 NTSTATUS sk_InitSentrelData(void);
 NTSTATUS sk_UninitSentrelData(void);

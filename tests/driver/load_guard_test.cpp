@@ -103,6 +103,8 @@ TEST(LoadGuardTest, ShutdownThenUnloadLowersTheCountOnce) {
   EXPECT_EQ(ReadGuard(world).count, 2u);
   world.Shutdown();
   EXPECT_EQ(ReadGuard(world).count, 1u);
+  world.Shutdown();  // a second shutdown request must not hide the crash before
+  EXPECT_EQ(ReadGuard(world).count, 1u);
   EXPECT_TRUE(world.UnloadDriver().Clean());
   EXPECT_EQ(ReadGuard(world).count, 1u);
 }

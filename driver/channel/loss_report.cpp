@@ -49,12 +49,12 @@ NTSTATUS sk_QueryLossCounters(PVOID Output, ULONG OutputLength, PULONG_PTR Infor
   }
   list.Output = output;
   list.OutputLength = OutputLength;
-  list.Offset = SK_LOSS_COUNTERS_SIZE(buffers, 0);
+  list.Offset = (ULONG)SK_LOSS_COUNTERS_SIZE(buffers, 0);
   list.Count = 0;
   sk_QueryMsgQueueEvictions(&SentrelData.ProcMsgMgr, &header.ConsumerQueueEvicted, &header.ProcessQueuesEvicted,
                             sk_ListQueueLoss, &list);
   header.QueueCount = list.Count;
-  header.Size = SK_LOSS_COUNTERS_SIZE(buffers, list.Count);
+  header.Size = (ULONG)SK_LOSS_COUNTERS_SIZE(buffers, list.Count);
   if (OutputLength >= sizeof(header)) RtlCopyMemory(output, &header, sizeof(header));
   *Information = header.Size;
   if (OutputLength < header.Size) {

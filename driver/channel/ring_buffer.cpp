@@ -444,7 +444,7 @@ NTSTATUS rb_GetRingBufInternal(PSK_RING_BUF RingBuf, PEPROCESS Process, PVOID Ou
     status = STATUS_INSUFFICIENT_RESOURCES;
     goto Exit;
   }
-  needed = RING_BUF_MAP_INFO_SIZE(RingBuf->BufferCount);
+  needed = (ULONG)RING_BUF_MAP_INFO_SIZE(RingBuf->BufferCount);
   if (*Length < needed) {
     *Length = needed;
     SK_ERROR("Buffer too small NeedLength:0x%0x\n", needed);

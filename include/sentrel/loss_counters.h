@@ -37,8 +37,9 @@ typedef struct _SK_QUEUE_LOSSES {
   SK_UINT64 Evicted;
 } SK_QUEUE_LOSSES;
 
+// In 64 bits: counts read from an answer must not wrap the size they are checked against.
 #define SK_LOSS_COUNTERS_SIZE(BufferCount, QueueCount) \
-  (32u + 16u * (SK_UINT32)(BufferCount) + 16u * (SK_UINT32)(QueueCount))
+  (32u + 16u * (SK_UINT64)(SK_UINT32)(BufferCount) + 16u * (SK_UINT64)(SK_UINT32)(QueueCount))
 
 SK_STATIC_ASSERT(sizeof(SK_LOSS_COUNTERS) == 32, "SK_LOSS_COUNTERS is 32 bytes");
 SK_STATIC_ASSERT(SK_OFFSETOF(SK_LOSS_COUNTERS, Size) == 0, "SK_LOSS_COUNTERS.Size");

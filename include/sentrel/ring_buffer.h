@@ -15,7 +15,10 @@
 //   RB_SLOT_READING  the consumer
 // The consumer takes a slot only with an atomic compare-exchange of State from RB_SLOT_FREE to
 // RB_SLOT_READING, reads the records from offset 32 up to WriteOffset (a record length of 0 also
-// ends them) only while it holds the slot, and gives the slot back by storing RB_SLOT_FREE. The
+// ends them) only while it holds the slot, and gives the slot back with a compare-exchange from
+// RB_SLOT_READING (the driver empties and frees held slots when the buffers are mapped again, and
+// a writer may hold the slot by then). To mark the records read it exchanges RB_SLOT_READING for
+// RB_SLOT_WRITING, sets WriteOffset to 32, then stores RB_SLOT_FREE. The
 // driver's exchange that sets State back to RB_SLOT_FREE after a write publishes the record and
 // WriteOffset. When no slot has room a writer empties one (its unread records are lost); when no
 // slot can be taken at all the packet is dropped. Both losses are counted per buffer in the header
@@ -80,7 +83,8 @@ typedef struct _RING_BUF_MAP_INFO {
   SK_UINT64 UserAddress[1];
 } RING_BUF_MAP_INFO, *PRING_BUF_MAP_INFO;
 
-#define RING_BUF_MAP_INFO_SIZE(BufferCount) (16u + 8u * (SK_UINT32)(BufferCount))
+// In 64 bits: a count read from an answer must not wrap the size it is checked against.
+#define RING_BUF_MAP_INFO_SIZE(BufferCount) (16u + 8u * (SK_UINT64)(SK_UINT32)(BufferCount))
 #define RING_BUF_MAP_INFO_ADDRESS_OFFSET(Index) (8u + 8u * (SK_UINT32)(Index))
 
 SK_STATIC_ASSERT(SK_OFFSETOF(RING_BUF_MAP_INFO, BufferCount) == 0, "RING_BUF_MAP_INFO.BufferCount");

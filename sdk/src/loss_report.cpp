@@ -11,8 +11,7 @@ std::optional<LossReport> DecodeLossReport(const void* answer, size_t length) {
   SK_LOSS_COUNTERS header;
   if (length < sizeof header) return std::nullopt;
   std::memcpy(&header, bytes, sizeof header);
-  // Counted in 64 bits: the counts come from the answer and must not wrap the size check.
-  uint64_t size = 32 + 16 * uint64_t(header.BufferCount) + 16 * uint64_t(header.QueueCount);
+  uint64_t size = SK_LOSS_COUNTERS_SIZE(header.BufferCount, header.QueueCount);
   if (size != header.Size || size > length) return std::nullopt;
   LossReport report;
   report.consumerQueueEvicted = header.ConsumerQueueEvicted;

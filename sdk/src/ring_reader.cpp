@@ -88,10 +88,23 @@ size_t RingReader::ReadSlot(size_t buffer, uint32_t slot, const RecordFn& fn) {
   return records;
 }
 
-void RingReader::ReleaseSlot(size_t buffer, uint32_t slot, bool markRead) {
+bool RingReader::ReleaseSlot(size_t buffer, uint32_t slot, bool markRead) {
   RB_SLOT_HEADER* header = Header(buffer, slot);
-  if (markRead) header->WriteOffset = RB_SLOT_HEADER_SIZE;
-  __atomic_store_n(&header->State, RB_SLOT_FREE, __ATOMIC_RELEASE);
+  // Only from the reading state: the driver empties and frees the slots a consumer holds when the
+  // buffers are mapped again, and a writer may have taken the slot since; a plain store would undo
+  // its write. To mark the records read the slot is held as a writer holds it for the one store
+  // of WriteOffset, so that neither the driver's emptying nor a writer can come in between.
+  uint32_t expected = RB_SLOT_READING;
+  if (!__atomic_compare_exchange_n(&header->State, &expected, markRead ? RB_SLOT_WRITING : RB_SLOT_FREE, false,
+                                   __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+    ++counts_.slotsLost;
+    return false;
+  }
+  if (markRead) {
+    __atomic_store_n(&header->WriteOffset, RB_SLOT_HEADER_SIZE, __ATOMIC_RELAXED);
+    __atomic_store_n(&header->State, RB_SLOT_FREE, __ATOMIC_RELEASE);
+  }
+  return true;
 }
 
 bool RingReader::DrainSlot(size_t buffer, uint32_t slot, const RecordFn& fn) {

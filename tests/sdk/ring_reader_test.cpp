@@ -123,6 +123,38 @@ TEST(RingReaderTest, TheMappingAnswerIsCheckedBeforeItIsUsed) {
   EXPECT_FALSE(RingReader::FromMapInfo(info.data(), 15).has_value());
   sk_StoreLe64(info.data(), RING_BUF_MAP_INFO_ADDRESS_OFFSET(1), 0);
   EXPECT_FALSE(RingReader::FromMapInfo(info.data(), info.size()).has_value());
+  // A count whose addresses would need 4 GiB: 16 + 8 * count must not wrap to 16.
+  std::vector<uint8_t> lying(RING_BUF_MAP_INFO_SIZE(0), 0);
+  sk_StoreLe32(lying.data(), 0, 0x20000000u);
+  EXPECT_FALSE(RingReader::FromMapInfo(lying.data(), lying.size()).has_value());
+}
+
+// The driver empties and frees the slots a consumer holds when the buffers are mapped again; a
+// writer may take such a slot at once. The reader that then gives the slot back must leave it as
+// the writer left it, and say so.
+TEST(RingReaderTest, ASlotTheDriverTookBackIsLeftAlone) {
+  Buffer buffer;
+  buffer.Append(3, "first");
+  RingReader reader({buffer.bytes.data()});
+  ASSERT_TRUE(reader.TakeSlot(0, 3));
+  std::vector<std::string> read;
+  reader.ReadSlot(0, 3, [&](const RingRecord& r) { read.emplace_back(reinterpret_cast<const char*>(r.data), r.length); });
+  EXPECT_EQ(read, std::vector<std::string>{"first"});
+
+  buffer.Header(3)->WriteOffset = RB_SLOT_HEADER_SIZE;  // the driver empties and frees it...
+  buffer.Header(3)->State = RB_SLOT_FREE;
+  buffer.Header(3)->State = RB_SLOT_WRITING;  // ...and a writer takes it
+  buffer.Append(3, "second");
+  EXPECT_FALSE(reader.ReleaseSlot(0, 3, true));
+  EXPECT_EQ(buffer.Header(3)->State, RB_SLOT_WRITING);
+  EXPECT_EQ(buffer.Header(3)->WriteOffset, RB_SLOT_HEADER_SIZE + 4 + 6) << "the writer's record was undone";
+  buffer.Header(3)->State = RB_SLOT_FREE;  // the writer is done
+  EXPECT_FALSE(reader.ReleaseSlot(0, 3, false));
+  EXPECT_EQ(reader.Counts().slotsLost, 2u);
+
+  RingReader next({buffer.bytes.data()});
+  EXPECT_EQ(Drain(next), std::vector<std::string>{"second"});
+  EXPECT_EQ(buffer.Header(3)->State, RB_SLOT_FREE);
 }
 
 TEST(RingBufferLayoutTest, CAndCppAgree) {

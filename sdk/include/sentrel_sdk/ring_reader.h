@@ -3,8 +3,8 @@
 //
 // The reader takes one slot at a time with a compare-exchange of its State from RB_SLOT_FREE to
 // RB_SLOT_READING, hands over every whole record from offset 32 up to WriteOffset (a zero length
-// also ends them), marks the slot read by setting WriteOffset back to 32, and gives it back by
-// storing RB_SLOT_FREE. It never looks at records of a slot it does not hold. ConsumerWord is left
+// also ends them), and gives it back with a compare-exchange from RB_SLOT_READING: to mark the
+// records read, to RB_SLOT_WRITING, then WriteOffset back to 32, then RB_SLOT_FREE. It never looks at records of a slot it does not hold. ConsumerWord is left
 // alone: this reader keeps no read position in it.
 //
 // A reader is used by one thread at a time; several readers over the same buffers (in one or in
@@ -40,6 +40,8 @@ struct RingReaderCounts {
   uint64_t slotsBusy = 0;  // slots that had records but could not be taken (a writer, another reader)
   uint64_t malformed = 0;  // slots whose data broke the format: a record running past WriteOffset, or
                            // a WriteOffset outside the slot; the rest of such a slot is dropped
+  uint64_t slotsLost = 0;  // slots no longer this reader's when it gave them back: the driver emptied
+                           // them (the buffers were mapped again) while they were being read
 };
 
 // What a buffer's writers could not deliver, as the driver counts it in the buffer itself.
@@ -63,8 +65,9 @@ class RingReader {
   bool TakeSlot(size_t buffer, uint32_t slot);
   // Hands each whole record of a slot this reader holds to fn; returns how many.
   size_t ReadSlot(size_t buffer, uint32_t slot, const RecordFn& fn);
-  // Gives back a slot this reader holds; with markRead its records count as consumed.
-  void ReleaseSlot(size_t buffer, uint32_t slot, bool markRead = true);
+  // Gives back a slot this reader holds; with markRead its records count as consumed. False (and
+  // counted in slotsLost) if the slot was no longer the reader's: then nothing of it is touched.
+  bool ReleaseSlot(size_t buffer, uint32_t slot, bool markRead = true);
 
   // Takes, reads and gives back one slot; false if the slot could not be taken.
   bool DrainSlot(size_t buffer, uint32_t slot, const RecordFn& fn);

@@ -39,7 +39,7 @@ static_assert(FIELD_OFFSET(SK_PROCESS_PARAMETERS, CommandLine) == 0x70, "the 64-
 NTSTATUS skt_GetProcessParametersFromPeb(PEPROCESS Process, PVOID *ProcessParameters) {
   PUCHAR peb = (PUCHAR)SentrelData.PsGetProcessPeb(Process);
   if (!peb) return STATUS_INSUFFICIENT_RESOURCES;
-  return skt_SafeCopyMemory(ProcessParameters, peb + SK_PEB_PROCESS_PARAMETERS, sizeof(PVOID));
+  return skt_SafeCopyUserMemory(ProcessParameters, peb + SK_PEB_PROCESS_PARAMETERS, sizeof(PVOID));
 }
 
 // Copies one counted string of the parameter block (whose header the caller has copied already)
@@ -63,7 +63,8 @@ static NTSTATUS skt_CopyParameterString(PUCHAR Parameters, BOOLEAN Normalized, c
     else SK_ERROR("vCurrentDirectory alloc fail\n");
     return STATUS_INSUFFICIENT_RESOURCES;
   }
-  status = skt_SafeCopyMemory(copy->Buffer, characters, Field->Length);
+  // The address is the process's own word: it may point anywhere, the kernel included.
+  status = skt_SafeCopyUserMemory(copy->Buffer, characters, Field->Length);
   if (!NT_SUCCESS(status)) {
     skt_FreeUnicodeStringSelf(copy);
     return status;
@@ -108,7 +109,7 @@ NTSTATUS skt_GetProcessPathInfo(PEPROCESS Process, PUNICODE_STRING *CommandLine,
     status = STATUS_INSUFFICIENT_RESOURCES;
     goto Exit;
   }
-  status = skt_SafeCopyMemory(&header, parameters, sizeof(header));
+  status = skt_SafeCopyUserMemory(&header, parameters, sizeof(header));
   if (!NT_SUCCESS(status)) goto Exit;
   normalized = (header.Flags & SK_PARAMETERS_NORMALIZED) != 0;
   if (CommandLine) {

@@ -14,6 +14,17 @@ DECLSPEC_NOINLINE NTSTATUS skt_SafeCopyMemory(PVOID Destination, const VOID *Sou
   return status;
 }
 
+DECLSPEC_NOINLINE NTSTATUS skt_SafeCopyUserMemory(PVOID Destination, const VOID *Source, SIZE_T Length) {
+  NTSTATUS status = STATUS_SUCCESS;
+  __try {
+    ProbeForRead((PVOID)Source, Length, 1);
+    RtlCopyMemory(Destination, Source, Length);
+  } __except (EXCEPTION_EXECUTE_HANDLER) {
+    status = GetExceptionCode();
+  }
+  return status;
+}
+
 DECLSPEC_NOINLINE NTSTATUS skt_MapLockedPagesUser(PMDL Mdl, MEMORY_CACHING_TYPE CacheType, PVOID *UserAddress) {
   NTSTATUS status = STATUS_SUCCESS;
   PVOID address = NULL;
@@ -44,6 +55,14 @@ NTSTATUS skt_MapLockedPagesUser(PMDL Mdl, MEMORY_CACHING_TYPE CacheType, PVOID *
 
 NTSTATUS skt_SafeCopyMemory(PVOID Destination, const VOID *Source, SIZE_T Length) {
   return NtSimGuardedCopy(Destination, Source, Length);
+}
+
+NTSTATUS skt_SafeCopyUserMemory(PVOID Destination, const VOID *Source, SIZE_T Length) {
+  NTSTATUS status;
+  NtSimEnterGuardedRegion();
+  ProbeForRead(Source, Length, 1);
+  status = NtSimLeaveGuardedRegion();  // the raise ends the __try before the copy
+  return NT_SUCCESS(status) ? NtSimGuardedCopy(Destination, Source, Length) : status;
 }
 
 #endif

@@ -1,5 +1,6 @@
-// ZwQueryVirtualMemory over a process's address space (mm/address_space.h).
+// ZwQueryVirtualMemory over a process's address space (mm/address_space.h), and ProbeForRead.
 #include "kernel.h"
+#include "ps/system_thread.h"
 
 using namespace ntsim;
 
@@ -70,4 +71,27 @@ NTSTATUS NTAPI ZwCreateSection(PHANDLE SectionHandle, ACCESS_MASK DesiredAccess,
                                HANDLE FileHandle) {
   K().verifier.Violation("ZwCreateSection", "sections are not simulated");
   return STATUS_NOT_SUPPORTED;
+}
+
+VOID NTAPI ProbeForRead(const volatile VOID* Address, SIZE_T Length, ULONG Alignment) {
+  const void* address = const_cast<const void*>(Address);
+  if (Length == 0) return;
+  auto start = reinterpret_cast<ULONG_PTR>(address);
+  if (Alignment != 1 && Alignment != 2 && Alignment != 4 && Alignment != 8 && Alignment != 16) {
+    K().verifier.Violation("ProbeForRead", "the alignment is not 1, 2, 4, 8 or 16");
+  }
+  if (Alignment && start % Alignment != 0) {
+    RaiseKernelException("ProbeForRead", STATUS_DATATYPE_MISALIGNMENT, "a misaligned user buffer");
+    return;
+  }
+  ULONG_PTR end = start + Length;
+  // The simulated kernel's pool lies among the host's addresses below the probe address; on Windows
+  // it lies above it. A range that touches a pool block is therefore beyond user space here too.
+  PoolBlock block;
+  const void* blockStart = nullptr;
+  bool kernel = K().pool.Find(address, 1, &block, &blockStart) ||
+                K().pool.Find(reinterpret_cast<const void*>(end - 1), 1, &block, &blockStart);
+  if (end < start || end > NTSIM_USER_PROBE_ADDRESS || kernel) {
+    RaiseKernelException("ProbeForRead", STATUS_ACCESS_VIOLATION, "a buffer beyond user space");
+  }
 }

@@ -96,6 +96,38 @@ TEST_F(ProcessQueryTest, EmptyStringsAndFaultsReturnNothingAndKeepNothing) {
   EXPECT_EQ(Ask(world.kernel().ps.System()).status, STATUS_INSUFFICIENT_RESOURCES);
 }
 
+// The parameter block is the process's own memory: it may point its strings, or the environment
+// block its parameters, at kernel memory. Nothing of that memory may come back.
+TEST_F(ProcessQueryTest, ABlockThatPointsIntoTheKernelGivesNothingOfIt) {
+  static const char16_t kSecret[] = u"KERNEL SECRET";
+  void* secret = world.AsSystem([] { return ExAllocatePoolWithTag(NonPagedPool, 64, 'tseT'); });
+  ASSERT_NE(secret, nullptr);
+  std::memcpy(secret, kSecret, sizeof kSecret);
+  auto kernelWord = reinterpret_cast<uint64_t>(secret);
+  constexpr size_t kCommandLineBuffer = 0x78, kDirectoryBuffer = 0x40, kParameters = 0x20;
+
+  UserProcess& byCommandLine = Launch(u"notepad.exe a", u"C:\\", true);
+  std::memcpy(static_cast<char*>(byCommandLine.Environment().parameters) + kCommandLineBuffer, &kernelWord, 8);
+  UserProcess& byDirectory = Launch(u"notepad.exe b", u"C:\\", true);
+  std::memcpy(static_cast<char*>(byDirectory.Environment().parameters) + kDirectoryBuffer, &kernelWord, 8);
+  UserProcess& byParameters = Launch(u"notepad.exe c", u"C:\\", true);
+  std::memcpy(static_cast<char*>(byParameters.Environment().peb) + kParameters, &kernelWord, 8);
+  // Unnormalized, the buffer field is an offset from the block: one that reaches the kernel.
+  UserProcess& byOffset = Launch(u"notepad.exe d", u"C:\\", false);
+  uint64_t wrapping = ~reinterpret_cast<uint64_t>(byOffset.Environment().parameters) + 1 + kernelWord;
+  std::memcpy(static_cast<char*>(byOffset.Environment().parameters) + kCommandLineBuffer, &wrapping, 8);
+
+  for (UserProcess* process : {&byCommandLine, &byDirectory, &byParameters, &byOffset}) {
+    PathInfo info = Ask(*process);
+    EXPECT_EQ(info.status, STATUS_ACCESS_VIOLATION) << process->Id();
+    EXPECT_TRUE(info.outputsNull);
+  }
+  world.AsSystem([&] {
+    ExFreePoolWithTag(secret, 'tseT');
+    return 0;
+  });
+}
+
 TEST_F(ProcessQueryTest, EachAllocationFailureIsReportedAndFreesWhatWasBuilt) {
   UserProcess& process = Launch(u"notepad.exe x", u"C:\\", true);
   size_t failures = 0;

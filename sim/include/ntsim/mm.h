@@ -67,6 +67,12 @@ SIZE_T NTAPI MmSizeOfMdl(PVOID Base, SIZE_T Length);
 PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota, PIRP Irp);
 VOID NTAPI IoFreeMdl(PMDL Mdl);
 VOID NTAPI MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList);
+// The first address above user space (MmUserProbeAddress on x64).
+#define NTSIM_USER_PROBE_ADDRESS ((ULONG_PTR)0x7FFFFFFF0000ull)
+// Raises STATUS_ACCESS_VIOLATION if [Address, Address + Length) reaches beyond user space (or
+// wraps), STATUS_DATATYPE_MISALIGNMENT if Address is not a multiple of Alignment (1, 2, 4, 8 or
+// 16); checks nothing when Length is 0. It does not look at whether the pages are there.
+VOID NTAPI ProbeForRead(const volatile VOID *Address, SIZE_T Length, ULONG Alignment);
 PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode,
                                          MEMORY_CACHING_TYPE CacheType, PVOID RequestedAddress,
                                          ULONG BugCheckOnFailure, ULONG Priority);

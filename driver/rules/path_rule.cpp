@@ -95,7 +95,8 @@ static NTSTATUS skt_FindOrAddChild(PathRuleMgr *Rules, PLIST_ENTRY Parent, PCUNI
   node->Hash = hash;
   node->Flags = 0;
   node->Length = Component->Length;
-  RtlCopyMemory(node->Component, Component->Buffer, Component->Length);
+  // An empty component (a run of backslashes in a pattern) may come with no buffer at all.
+  if (Component->Length) RtlCopyMemory(node->Component, Component->Buffer, Component->Length);
   InsertHeadList(Parent, &node->SiblingLink);
   InsertTailList(&Rules->AllNodes, &node->AllNodesLink);
   skt_IndexInsert(Rules, Parent, node);

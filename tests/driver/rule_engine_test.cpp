@@ -109,6 +109,11 @@ TEST_F(RuleEngineTest, SuffixRulesNameTheLastComponentsInAnyCase) {
   EXPECT_TRUE(Matches(kRegistry, u"\\a\\b\\rundll32.exe"));
   EXPECT_TRUE(Matches(kRegistry, u"b\\RUNDLL32.exe"));
   EXPECT_EQ(Count(kRegistry), before + 1);
+
+  // A run of backslashes is a run of empty components, each matched by an empty one.
+  ASSERT_EQ(Add(kRegistry, u"*\\\\\\X"), STATUS_SUCCESS);
+  EXPECT_TRUE(Matches(kRegistry, u"\\a\\\\\\x"));
+  EXPECT_FALSE(Matches(kRegistry, u"\\a\\b\\x"));
 }
 
 TEST_F(RuleEngineTest, PrefixRulesNameAPathAndEverythingBelowIt) {

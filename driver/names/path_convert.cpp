@@ -26,6 +26,8 @@ static const UNICODE_STRING SkMupPrefix = SK_CONSTANT_STRING(L"\\Device\\Mup");
 static const UNICODE_STRING SkSystemRootPrefix = SK_CONSTANT_STRING(L"\\SystemRoot");
 static const UNICODE_STRING SkWindowsPrefix = SK_CONSTANT_STRING(L"\\Windows");
 static const UNICODE_STRING SkVolumePrefix = SK_CONSTANT_STRING(L"\\Device\\HarddiskVolume");
+// How the mount manager names a volume that has no letter: by its GUID path, \\?\Volume{...}.
+static const UNICODE_STRING SkVolumeGuidPrefix = SK_CONSTANT_STRING(L"\\\\?\\");
 
 // Whether Name carries Prefix (case-insensitively) and has something behind it.
 static BOOLEAN sk_HasPrefix(PCUNICODE_STRING Prefix, PCUNICODE_STRING Name) {
@@ -285,6 +287,18 @@ NTSTATUS skt_QueryDosNameFromNtName(PCUNICODE_STRING VolumeName, PUNICODE_STRING
   DosName->Length = (USHORT)(answerLength - 4);
   DosName->MaximumLength = (USHORT)(answerLength - 2);
   RtlMoveMemory(paths, paths->MultiSz, DosName->Length);
+  // A volume with neither a letter nor a mount folder is answered with its GUID path, which is no
+  // DOS name to put before a path: such a volume has none, as one the mount manager does not know.
+  if (sk_HasPrefix(&SkVolumeGuidPrefix, DosName)) {
+    SK_ERROR("Query Volume Paths fail Status:%08lx\n", STATUS_NOT_FOUND);
+    RtlZeroMemory(DosName, sizeof(*DosName));
+    status = STATUS_NOT_FOUND;
+    goto Exit;
+  }
+  // A mount folder ends with a backslash; the rest of a path brings its own.
+  if (DosName->Length >= sizeof(WCHAR) && DosName->Buffer[DosName->Length / sizeof(WCHAR) - 1] == L'\\') {
+    DosName->Length -= sizeof(WCHAR);
+  }
   DosName->Buffer[DosName->Length / sizeof(WCHAR)] = L'\0';
   paths = NULL;  // the caller's now
   SK_INFO("Vn:%wZ -> Dn:%wZ\n", VolumeName, DosName);

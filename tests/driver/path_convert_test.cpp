@@ -155,6 +155,20 @@ TEST_F(PathConvertTest, VolumesWithoutADosNameKeepTheirNtPath) {
   ASSERT_EQ(ImageConvert(u"\\Device\\HarddiskVolume9\\x.bin", &nt, &dos), STATUS_SUCCESS);
   EXPECT_EQ(nt, u"\\Device\\HarddiskVolume9\\x.bin");
   EXPECT_EQ(dos, u"<null>");
+
+  // A volume the mount manager knows but that has no letter: it is answered with its GUID path
+  // ("\\?\Volume{...}\"), no DOS name either, by both conversions.
+  world.AddVolume(u"\\Device\\HarddiskVolume7", 0, true);
+  ASSERT_TRUE(world.WriteFileBytes(u"\\Device\\HarddiskVolume7\\x.bin", {1}));
+  ASSERT_EQ(Convert(u"\\Device\\HarddiskVolume7\\x.bin", false, &nt, &dos), STATUS_SUCCESS);
+  EXPECT_EQ(nt, u"\\Device\\HarddiskVolume7\\x.bin");
+  EXPECT_EQ(dos, u"<null>");
+  ASSERT_EQ(ImageConvert(u"\\Device\\HarddiskVolume7\\x.bin", &nt, &dos), STATUS_SUCCESS);
+  EXPECT_EQ(dos, u"<null>");
+  // Given a mount folder, the volume is named by it, its trailing backslash not doubled.
+  world.SetVolumeMountFolder(u"\\Device\\HarddiskVolume7", u"C:\\Mount\\Data\\");
+  ASSERT_EQ(Convert(u"\\Device\\HarddiskVolume7\\x.bin", false, &nt, &dos), STATUS_SUCCESS);
+  EXPECT_EQ(dos, u"\\??\\C:\\Mount\\Data\\x.bin");
 }
 
 TEST_F(PathConvertTest, NetworkPathsAreTheirOwnDosPaths) {

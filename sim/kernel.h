@@ -1,7 +1,9 @@
 // One booted simulated machine's kernel state. The driver-facing routines reach it through K().
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -57,6 +59,11 @@ struct Kernel {
   IoManager io;
   Registry cm;
   SystemThreads threads;
+  // Runs, on the calling thread, at the start of every ExAcquireRundownProtection, when set: a test
+  // stops a thread there (between reading a pointer and taking its reference). Set only while no
+  // other thread takes rundown references; one relaxed load when unset.
+  std::function<void(PEX_RUNDOWN_REF)> rundownAcquireHook;
+  std::atomic<bool> rundownAcquireHooked{false};
 };
 
 // The booted kernel. Calling a kernel routine with no machine booted stops the process.

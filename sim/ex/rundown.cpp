@@ -71,6 +71,8 @@ VOID NTAPI ExReInitializeRundownProtection(PEX_RUNDOWN_REF RunRef) {
 }
 
 BOOLEAN NTAPI ExAcquireRundownProtection(PEX_RUNDOWN_REF RunRef) {
+  Kernel& k = K();
+  if (k.rundownAcquireHooked.load(std::memory_order_relaxed)) k.rundownAcquireHook(RunRef);
   return Acquire(RunRef, 1, "ExAcquireRundownProtection");
 }
 

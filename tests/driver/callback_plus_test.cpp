@@ -54,6 +54,7 @@ class CallbackPlusTest : public ::testing::Test {
     return g_order;
   }
   static LONG64 Word(SK_CALLBACK_SLOT* slot) { return *slot; }
+  static PSK_CALLBACK_BLOCK sk_SlotBlock(LONG64 word) { return reinterpret_cast<PSK_CALLBACK_BLOCK>(word & ~0xFll); }
   World world;
 };
 
@@ -138,6 +139,69 @@ TEST_F(CallbackPlusTest, TheCacheRefillsByFifteenAndNeverHoldsMore) {
   }
   EXPECT_EQ(Word(slot) & 0xF, 15);
   EXPECT_EQ(block->RundownRef.Count, 16u * 2);  // every extra reference went back to the block
+}
+
+// A reference that finds a slot's reserve empty reads the block's address and then takes a
+// rundown reference on it. A replacement that swaps the block out in between must wait for that
+// reference before it lets the old block be run down and freed. The reader is stopped between the
+// two steps while another thread replaces the block: the replacement may not finish until the
+// reader has gone on, and the reader must get the old block, still whole.
+TEST_F(CallbackPlusTest, AReplacementWaitsForASlowPathReferenceInProgress) {
+  SK_CALLBACK_SLOT slot = 0;
+  PSK_CALLBACK_BLOCK old = world.AsSystem([] { return sk_AllocateCallbackBlock((PVOID)RecordThread<1>); });
+  PSK_CALLBACK_BLOCK fresh = world.AsSystem([] { return sk_AllocateCallbackBlock((PVOID)RecordThread<2>); });
+  ASSERT_TRUE(old && fresh);
+  ASSERT_TRUE(world.AsSystem([&] { return sk_ReplaceCallbackBlock(&slot, old, nullptr); }));
+  // Empty the slot's reserve by hand: its 15 references go back to the block.
+  slot = reinterpret_cast<LONG64>(old);
+  world.AsSystem([&] {
+    ExReleaseRundownProtectionEx(&old->RundownRef, SK_CALLBACK_CACHE_MAX);
+    return 0;
+  });
+
+  std::atomic<bool> replaced{false};
+  bool finishedEarly = false;
+  std::thread replacer;
+  world.kernel().rundownAcquireHook = [&](PEX_RUNDOWN_REF ref) {
+    if (ref != &old->RundownRef || replacer.joinable()) return;
+    replacer = std::thread([&] {
+      world.AsSystem([&] {
+        EXPECT_TRUE(sk_ReplaceCallbackBlock(&slot, fresh, old));
+        sk_WaitCallbackBlockRelease(old);
+        sk_FreeCallbackBlock(old);
+        return 0;
+      });
+      replaced = true;
+    });
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (sk_SlotBlock(slot) != fresh && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    // Swapped: a replacement that does not wait would now run the old block down and free it.
+    until = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+    while (!replaced && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    finishedEarly = replaced;
+  };
+  world.kernel().rundownAcquireHooked = true;
+  PSK_CALLBACK_BLOCK got = world.AsSystem([&] { return sk_ReferenceCallbackBlock(&slot); });
+  world.kernel().rundownAcquireHooked = false;
+  ASSERT_TRUE(replacer.joinable()) << "the reference did not take the slow path";
+  EXPECT_FALSE(finishedEarly) << "the replacement did not wait for the reference in progress";
+  EXPECT_EQ(got, old);
+  if (got) {
+    EXPECT_EQ(sk_GetCallbackBlockRoutine(got), (PVOID)RecordThread<1>);
+    world.AsSystem([&] {
+      sk_DereferenceCallbackBlock(&slot, got);  // the slot holds another block: straight back to it
+      return 0;
+    });
+  }
+  replacer.join();
+  world.kernel().rundownAcquireHook = nullptr;
+  EXPECT_TRUE(replaced);
+  world.AsSystem([&] {
+    sk_ReplaceCallbackBlock(&slot, nullptr, fresh);
+    sk_WaitCallbackBlockRelease(fresh);
+    sk_FreeCallbackBlock(fresh);
+    return 0;
+  });
 }
 
 TEST_F(CallbackPlusTest, AddingWithoutTheKindOrWithoutMemoryFails) {

@@ -20,6 +20,7 @@
 NTSTATUS sk_Read(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   NTSTATUS status;
   UNREFERENCED_PARAMETER(DeviceObject);
+  PAGED_CODE();
   SK_ENTER();
   status = sk_ServeRead(Irp, (ULONG)(ULONG_PTR)PsGetCurrentProcessId());
   SK_LEAVE(status);
@@ -33,6 +34,7 @@ NTSTATUS sk_Write(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   PSK_PACKET packet;
 
   UNREFERENCED_PARAMETER(DeviceObject);
+  PAGED_CODE();
   SK_ENTER();
   if (Irp->UserEvent) KeSetEvent(Irp->UserEvent, 1, FALSE);
   if (!Irp->MdlAddress || length < SK_PACKET_MIN_SIZE) {
@@ -107,6 +109,7 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   ULONG length;
 
   UNREFERENCED_PARAMETER(DeviceObject);
+  PAGED_CODE();
   SK_ENTER();
   switch (code) {
     // The producer-driver table, the kernel interface and the process descriptions are not built
@@ -270,6 +273,7 @@ NTSTATUS sk_Cleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   PSK_CCB record = (PSK_CCB)fileObject->FsContext2;
 
   UNREFERENCED_PARAMETER(DeviceObject);
+  PAGED_CODE();
   SK_ENTER();
   SK_INFO("ProcessId:%d\n", (ULONG)(ULONG_PTR)PsGetCurrentProcessId());
   if (record) {

@@ -38,6 +38,7 @@ NTSTATUS sk_QueryLossCounters(PVOID Output, ULONG OutputLength, PULONG_PTR Infor
   ULONG i;
   NTSTATUS status = STATUS_SUCCESS;
 
+  PAGED_CODE();
   SK_ENTER();
   RtlZeroMemory(&header, sizeof(header));
   header.BufferCount = buffers;

@@ -73,6 +73,7 @@ NTSTATUS sk_InitProcMsgMgr(PSK_PROC_MSG_MGR ProcMsgMgr) {
   PSK_MSG_QUEUE consumer = &SentrelData.ConsumerMsgQueue;
   NTSTATUS status;
 
+  PAGED_CODE();
   SK_ENTER();
   if (ProcMsgMgr->Flags & SK_PROC_MSG_MGR_INITED) {
     SK_INFO("Proc Msg Mgr Already Inited\n");
@@ -121,6 +122,7 @@ NTSTATUS sk_UninitProcMsgMgr(PSK_PROC_MSG_MGR ProcMsgMgr) {
   PSK_MSG_QUEUE consumer = &SentrelData.ConsumerMsgQueue;
   PSK_MSG_QUEUE queue;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!(ProcMsgMgr->Flags & SK_PROC_MSG_MGR_INITED)) {
     SK_INFO("Proc Msg Mgr no Inited\n");
@@ -158,6 +160,7 @@ NTSTATUS sk_AddProcMsgQueue(PSK_PROC_MSG_MGR ProcMsgMgr, ULONG ProcessId, PFILE_
   PSK_MSG_QUEUE queue;
   BOOLEAN inserted = FALSE;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!(ProcMsgMgr->Flags & SK_PROC_MSG_MGR_INITED)) {
     SK_ERROR("Proc Msg Mgr no Inited\n");

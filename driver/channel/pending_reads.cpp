@@ -186,6 +186,7 @@ NTSTATUS sk_SendMsg(ULONG ProcessId, PVOID Msg, ULONG MsgLen) {
   PIRP irp;
   PVOID copy;
 
+  PAGED_CODE();
   SK_ENTER();
   if (MsgLen < SK_PACKET_MIN_SIZE) {
     SK_ERROR("MsgLen < sizeof(SK_PACKET)\n");
@@ -244,6 +245,7 @@ NTSTATUS sk_SendMsgToConsumer(PVOID Msg, ULONG MsgLen) {
   PVOID copy;
   LONG count;
 
+  PAGED_CODE();
   SK_ENTER();
   if (MsgLen < SK_PACKET_MIN_SIZE) {
     SK_ERROR("MsgLen < sizeof(SK_PACKET)\n");

@@ -45,6 +45,7 @@ NTSTATUS sk_AppRegister(ULONG IoControlCode, PFILE_OBJECT FileObject, PVOID Buff
   HANDLE processId = PsGetCurrentProcessId();
   PSK_CCB ccb;
 
+  PAGED_CODE();
   SK_ENTER();
   *Information = (ULONG_PTR)-1;
   if (OutputLength < SK_AUTH_COMMUID_SIZE) {

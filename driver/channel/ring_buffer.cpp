@@ -135,6 +135,7 @@ VOID NTAPI rb_AllocBufThreadStart(PVOID Context) {
   ULONG i;
   ULONG s;
 
+  PAGED_CODE();
   SK_ENTER();
   ExInitializeFastMutex(&mutex);
   delay.QuadPart = -10000;  // 1 ms
@@ -199,6 +200,7 @@ NTSTATUS rb_InitRingBuf(PSK_RING_BUF RingBuf) {
   ULONG count;
   ULONG i;
 
+  PAGED_CODE();
   SK_ENTER();
   if (SK_READ_ONCE(RingBuf->Flags) & RB_FLAG_INITED) {
     SK_ERROR("Ring Buffer Inited\n");
@@ -290,6 +292,7 @@ NTSTATUS rb_UnInitRingBuf(PSK_RING_BUF RingBuf) {
   LARGE_INTEGER delay;
   ULONG i;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!(SK_READ_ONCE(RingBuf->Flags) & RB_FLAG_INITED)) {
     SK_ERROR("Ring Buffer No Inited\n");
@@ -438,6 +441,7 @@ NTSTATUS rb_GetRingBufInternal(PSK_RING_BUF RingBuf, PEPROCESS Process, PVOID Ou
   ULONG i;
   ULONG j;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!(SK_READ_ONCE(RingBuf->Flags) & RB_FLAG_INITED)) {
     SK_ERROR("Ring Buffer No Inited\n");
@@ -512,6 +516,7 @@ Exit:
 NTSTATUS rb_ReleaseRingBufInternal(PSK_RING_BUF RingBuf, PEPROCESS Process, BOOLEAN TakeLock) {
   NTSTATUS status = STATUS_SUCCESS;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!(SK_READ_ONCE(RingBuf->Flags) & RB_FLAG_INITED)) {
     SK_ERROR("Ring Buffer No Inited\n");

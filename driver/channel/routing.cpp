@@ -15,6 +15,7 @@ NTSTATUS sk_Commu_Control(PVOID Packet, ULONG Length, PULONG_PTR Information) {
   NTSTATUS status;
   ULONG code;
 
+  PAGED_CODE();
   SK_ENTER();
   switch (packet->DstType) {
     case SKT_SENTREL:

@@ -12,8 +12,9 @@ PUNICODE_STRING DebugKeyPath = NULL;
 LARGE_INTEGER DebugCallbackCookie = {};
 
 // Indexed by severity value; the unused slots print two blanks.
-static const WCHAR *const SkSeverityTags[9] = {
-    L"  ", L"[ERROR]", L"[WARNING]", L"  ", L"[INFO]", L"  ", L"  ", L"  ", L"[EVENT_REPORT]",
+// ANSI: a line may be printed at any IRQL, and DbgPrint takes Unicode formats only at PASSIVE_LEVEL.
+static const char *const SkSeverityTags[9] = {
+    "  ", "[ERROR]", "[WARNING]", "  ", "[INFO]", "  ", "  ", "  ", "[EVENT_REPORT]",
 };
 
 BOOLEAN sk_LogPrefix(LONG Change, ULONG Severity, ULONG Module) {
@@ -21,7 +22,7 @@ BOOLEAN sk_LogPrefix(LONG Change, ULONG Severity, ULONG Module) {
   if ((SK_READ_ONCE(PrintLevel) & Severity) != Severity) return FALSE;
   if ((SK_READ_ONCE(TraceLevel) & Module) != Module && Severity != SK_LEVEL_EVENT_REPORT) return FALSE;
   DbgPrint("[SK]");
-  DbgPrint("%S", Severity < RTL_NUMBER_OF(SkSeverityTags) ? SkSeverityTags[Severity] : L"  ");
+  DbgPrint("%s", Severity < RTL_NUMBER_OF(SkSeverityTags) ? SkSeverityTags[Severity] : "  ");
   DbgPrint("[T:0x%p] ", (PVOID)PsGetCurrentThread());
   if (Change < 0) {
     // Lowered without a lock, as every line of every thread shares the depth; never below 0.

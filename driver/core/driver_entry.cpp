@@ -54,6 +54,7 @@ static VOID sk_ReleaseLoadGuardOnce(void) {
 static NTSTATUS sk_DispatchShutdown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   NTSTATUS status;
   UNREFERENCED_PARAMETER(DeviceObject);
+  PAGED_CODE();
   SK_ENTER();
   sk_ReleaseLoadGuardOnce();
   status = sk_CompleteRequest(Irp, STATUS_SUCCESS);
@@ -73,6 +74,7 @@ static VOID sk_DriverUnload(PDRIVER_OBJECT DriverObject) {
   NTSTATUS status;
   UNREFERENCED_PARAMETER(DriverObject);
 
+  PAGED_CODE();
   SK_ENTER();
   SentrelOnline = FALSE;  // first, so that nothing is reported while the managers stop
   // The producer interface goes off line here once it exists.

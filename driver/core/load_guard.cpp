@@ -89,6 +89,7 @@ NTSTATUS sk_LoadGuardEnter(void) {
   BOOLEAN valid = FALSE;
   NTSTATUS status;
 
+  PAGED_CODE();
   SK_ENTER();
   status = sk_LoadGuardOpen(&file, FALSE, SK_LOAD_GUARD_OPTIONS);
   if (status == STATUS_OBJECT_NAME_NOT_FOUND) {
@@ -137,6 +138,7 @@ NTSTATUS sk_LoadGuardRelease(void) {
   BOOLEAN complete = FALSE;
   NTSTATUS status;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!LoadGuardArmed) {
     status = STATUS_INVALID_PARAMETER;

@@ -75,6 +75,7 @@ NTSTATUS sk_InitSentrelData(void) {
   UNICODE_STRING name;
   ULONG started;
 
+  PAGED_CODE();
   SK_ENTER();
   if (SkDriverObject && SentrelData.DriverObject == SkDriverObject) {
     SK_ERROR("sk_InitSentrelData Inited\n");
@@ -159,6 +160,7 @@ NTSTATUS sk_UninitSentrelData(void) {
   NTSTATUS status = STATUS_SUCCESS;
   ULONG i = 0;
 
+  PAGED_CODE();
   SK_ENTER();
   if (SentrelData.DriverObject != SkDriverObject || !SkDriverObject) {
     SK_ERROR("sk_UninitSentrelData Uninited\n");
@@ -204,6 +206,7 @@ VOID sk_RingBufOwnerProcessNotify(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Cre
   UNREFERENCED_PARAMETER(ParentId);
   // Every process notification comes here; only the owner's exit is traced and acted on.
   if (Create || !ProcessId || SK_READ_ONCE(SentrelData.RingBuf.OwnerProcessId) != ProcessId) return;
+  PAGED_CODE();
   SK_ENTER();
   rb_ReleaseRingBufInternal(&SentrelData.RingBuf, PsGetCurrentProcess(), TRUE);
   // Cleared only if no other process has taken the mapping over meanwhile.

@@ -202,6 +202,7 @@ NTSTATUS sk_PsSetCreateProcessNotifyRoutine(ULONG Variant, PVOID Routine, BOOLEA
   BOOLEAN added;
   PSK_CALLBACK_BLOCK block;
 
+  PAGED_CODE();
   SK_ENTER();
   if (Variant >= SK_PROCESS_NOTIFY_VARIANTS) {
     status = STATUS_INVALID_PARAMETER;
@@ -243,6 +244,7 @@ static NTSTATUS sk_RemoveKindSubscriber(LONG KindBit, SK_CALLBACK_SLOT *Slots, P
 
 NTSTATUS sk_PsSetCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Routine) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_AddKindSubscriber(SK_CALLBACK_PLUS_THREAD, ThreadNotifySlots, (PVOID)Routine, &ThreadNotifyCount);
   SK_LEAVE(status);
@@ -251,6 +253,7 @@ NTSTATUS sk_PsSetCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Routine
 
 NTSTATUS sk_PsRemoveCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Routine) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_RemoveKindSubscriber(SK_CALLBACK_PLUS_THREAD, ThreadNotifySlots, (PVOID)Routine, &ThreadNotifyCount);
   SK_LEAVE(status);
@@ -259,6 +262,7 @@ NTSTATUS sk_PsRemoveCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Rout
 
 NTSTATUS sk_PsSetLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE Routine) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_AddKindSubscriber(SK_CALLBACK_PLUS_IMAGE, ImageNotifySlots, (PVOID)Routine, NULL);
   SK_LEAVE(status);
@@ -267,6 +271,7 @@ NTSTATUS sk_PsSetLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE Routine) {
 
 NTSTATUS sk_PsRemoveLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE Routine) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_RemoveKindSubscriber(SK_CALLBACK_PLUS_IMAGE, ImageNotifySlots, (PVOID)Routine, NULL);
   SK_LEAVE(status);
@@ -335,6 +340,7 @@ NTSTATUS sk_InitProcessCallbackPlus(void) {
   NTSTATUS status = STATUS_SUCCESS;
   UNICODE_STRING name;
 
+  PAGED_CODE();
   SK_ENTER();
   if (sk_CallbackKindActive(SK_CALLBACK_PLUS_PROCESS)) goto Exit;
   RtlZeroMemory((PVOID)ProcessNotifySlots, sizeof(ProcessNotifySlots));
@@ -371,6 +377,7 @@ Exit:
 
 NTSTATUS sk_InitThreadCallbackPlus(void) {
   NTSTATUS status = STATUS_SUCCESS;
+  PAGED_CODE();
   SK_ENTER();
   if (!sk_CallbackKindActive(SK_CALLBACK_PLUS_THREAD)) {
     RtlZeroMemory((PVOID)ThreadNotifySlots, sizeof(ThreadNotifySlots));
@@ -385,6 +392,7 @@ NTSTATUS sk_InitThreadCallbackPlus(void) {
 
 NTSTATUS sk_InitLoadImageCallbackPlus(void) {
   NTSTATUS status = STATUS_SUCCESS;
+  PAGED_CODE();
   SK_ENTER();
   if (!sk_CallbackKindActive(SK_CALLBACK_PLUS_IMAGE)) {
     RtlZeroMemory((PVOID)ImageNotifySlots, sizeof(ImageNotifySlots));
@@ -397,6 +405,7 @@ NTSTATUS sk_InitLoadImageCallbackPlus(void) {
 }
 
 NTSTATUS sk_UninitProcessCallbackPlus(void) {
+  PAGED_CODE();
   SK_ENTER();
   if (!sk_CallbackKindActive(SK_CALLBACK_PLUS_PROCESS)) {
     if (sk_LogPrefix(-1, SK_LEVEL_INFO, SK_MODULE)) DbgPrint("sk_UninitProcessCallbackPlus United -> %08lx\n", STATUS_SUCCESS);
@@ -417,6 +426,7 @@ NTSTATUS sk_UninitProcessCallbackPlus(void) {
 }
 
 NTSTATUS sk_UninitThreadCallbackPlus(void) {
+  PAGED_CODE();
   SK_ENTER();
   if (sk_CallbackKindActive(SK_CALLBACK_PLUS_THREAD)) {
     InterlockedAnd(&SentrelData.InitFlags, ~SK_CALLBACK_PLUS_THREAD);
@@ -428,6 +438,7 @@ NTSTATUS sk_UninitThreadCallbackPlus(void) {
 }
 
 NTSTATUS sk_UninitLoadImageCallbackPlus(void) {
+  PAGED_CODE();
   SK_ENTER();
   if (!sk_CallbackKindActive(SK_CALLBACK_PLUS_IMAGE)) {
     if (sk_LogPrefix(-1, SK_LEVEL_INFO, SK_MODULE)) DbgPrint("sk_UninitLoadImageCallbackPlus Uninited -> %08lx\n", STATUS_SUCCESS);
@@ -443,6 +454,7 @@ NTSTATUS sk_UninitLoadImageCallbackPlus(void) {
 
 NTSTATUS sk_InitCallbackPlus(void) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_InitProcessCallbackPlus();
   if (!NT_SUCCESS(status)) {
@@ -465,6 +477,7 @@ Exit:
 }
 
 NTSTATUS sk_UninitCallbackPlus(void) {
+  PAGED_CODE();
   SK_ENTER();
   sk_UninitProcessCallbackPlus();
   sk_UninitThreadCallbackPlus();

@@ -11,6 +11,7 @@ NTSTATUS skt_EnumSysModule(PSKT_ENUM_SYS_MODULE_CALLBACK Callback, PVOID Context
   PRTL_PROCESS_MODULES modules;
   ULONG index;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!Callback) {
     status = STATUS_INVALID_PARAMETER;
@@ -87,6 +88,7 @@ PVOID skt_FindExportedRoutineByName(PVOID ImageBase, PANSI_STRING RoutineName) {
   USHORT ordinal;
   PVOID address = NULL;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!ImageBase || !RoutineName) {
     SK_ERROR("Invalid Parameter\n");
@@ -129,6 +131,7 @@ PVOID skt_MmGetSystemRoutineAddress(PVOID ImageBase, PUNICODE_STRING RoutineName
   ANSI_STRING ansiName;
   PVOID address = NULL;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!ImageBase || !RoutineName) goto Leave;
   SK_INFO("Get %wZ address\n", RoutineName);

@@ -86,6 +86,7 @@ NTSTATUS skt_GetProcessPathInfo(PEPROCESS Process, PUNICODE_STRING *CommandLine,
   PUNICODE_STRING commandLine = NULL;
   PUNICODE_STRING currentDirectory = NULL;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!Process || (!CommandLine && !CurrentDirectory)) {
     status = STATUS_INVALID_PARAMETER;
@@ -140,6 +141,7 @@ NTSTATUS skt_GetThreadWin32StartAddress(PETHREAD Thread, PVOID *StartAddress) {
   HANDLE handle = NULL;
   PVOID start = NULL;
 
+  PAGED_CODE();
   SK_ENTER();
   status = SentrelData.ObOpenObjectByPointer(Thread, OBJ_KERNEL_HANDLE, NULL, THREAD_QUERY_INFORMATION, NULL,
                                              KernelMode, &handle);
@@ -174,6 +176,7 @@ NTSTATUS skt_QueryModuleInfo_VirtualMemory_Process(PEPROCESS Process, PSKT_MODUL
   BOOLEAN runOpen = FALSE;
   ULONG count;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!Callback) {
     status = STATUS_INVALID_PARAMETER;
@@ -243,6 +246,7 @@ NTSTATUS skt_EnumProcess(PSKT_ENUM_PROCESS_CALLBACK Callback, PVOID Context) {
   PUCHAR buffer;
   PSYSTEM_PROCESS_INFORMATION entry;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!Callback) {
     status = STATUS_INVALID_PARAMETER;

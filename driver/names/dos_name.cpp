@@ -62,6 +62,7 @@ NTSTATUS sk_AddDosNameInfo(PSK_DOS_NAME_MGR DosNameMgr, BOOLEAN TakeLock, PCUNIC
   PUNICODE_STRING staleDos;
   BOOLEAN inserted = FALSE;
 
+  PAGED_CODE();
   SK_ENTER();
   status = sk_CheckDosNameMgr(DosNameMgr, VolumeName, DosName);
   if (!NT_SUCCESS(status)) goto Exit;
@@ -229,6 +230,7 @@ NTSTATUS sk_EnumAllDosName_Unlock(PSK_DOS_NAME_MGR DosNameMgr) {
   UNICODE_STRING dosName;
   WCHAR letter;
 
+  PAGED_CODE();
   SK_ENTER();
   RtlInitUnicodeString(&rootPath, rootText);
   dosName = rootPath;
@@ -256,6 +258,7 @@ NTSTATUS sk_EnumAllDosName(PSK_DOS_NAME_MGR DosNameMgr) {
 VOID sk_DelAllDosName(PSK_DOS_NAME_MGR DosNameMgr) {
   PDOS_NAME_NODE node;
   PVOID restart;
+  PAGED_CODE();
   SK_ENTER();
   KeEnterCriticalRegion();
   ExAcquireResourceExclusiveLite(&DosNameMgr->Lock, TRUE);
@@ -273,6 +276,7 @@ VOID sk_DelAllDosName(PSK_DOS_NAME_MGR DosNameMgr) {
 }
 
 NTSTATUS sk_InitDosNameMgr(PSK_DOS_NAME_MGR DosNameMgr) {
+  PAGED_CODE();
   SK_ENTER();
   if (DosNameMgr->Flags & SK_DOS_NAME_MGR_INITED) {
     SK_INFO("Dos Name Mgr Already Inited\n");
@@ -292,6 +296,7 @@ NTSTATUS sk_InitDosNameMgr(PSK_DOS_NAME_MGR DosNameMgr) {
 }
 
 NTSTATUS sk_UninitDosNameMgr(PSK_DOS_NAME_MGR DosNameMgr) {
+  PAGED_CODE();
   SK_ENTER();
   if (!(DosNameMgr->Flags & SK_DOS_NAME_MGR_INITED)) {
     SK_INFO("Dos Name Mgr no Inited\n");

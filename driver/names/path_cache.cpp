@@ -32,6 +32,7 @@ ULONG64 sk_PathCacheKey(PCUNICODE_STRING Path) {
 
 NTSTATUS sk_InitPathMgr(PSK_PATH_MGR PathMgr) {
   NTSTATUS status = STATUS_SUCCESS;
+  PAGED_CODE();
   SK_ENTER();
   if (!PathMgr) {
     SK_ERROR("Invalid Parameter\n");
@@ -50,6 +51,7 @@ NTSTATUS sk_InitPathMgr(PSK_PATH_MGR PathMgr) {
 VOID sk_DelAllPathCache(PSK_PATH_MGR PathMgr) {
   PVOID element;
   PVOID restart;
+  PAGED_CODE();
   SK_ENTER();
   KeEnterCriticalRegion();
   ExAcquireResourceExclusiveLite(&PathMgr->Lock, TRUE);
@@ -66,6 +68,7 @@ VOID sk_DelAllPathCache(PSK_PATH_MGR PathMgr) {
 
 NTSTATUS sk_UninitPathMgr(PSK_PATH_MGR PathMgr) {
   NTSTATUS status = STATUS_SUCCESS;
+  PAGED_CODE();
   SK_ENTER();
   if (!PathMgr) {
     status = STATUS_INVALID_PARAMETER;

@@ -146,6 +146,7 @@ NTSTATUS skt_GetVolDevName(PCUNICODE_STRING NtPath, PUNICODE_STRING VolumeName) 
   USHORT chars;
   USHORT i;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!NtPath || !VolumeName || !NtPath->Buffer || NtPath->Length < (SK_DEVICE_PREFIX_CHARS + 1) * sizeof(WCHAR)) {
     SK_ERROR("Invalid Parameter\n");
@@ -214,6 +215,7 @@ NTSTATUS skt_QueryDosNameFromNtName(PCUNICODE_STRING VolumeName, PUNICODE_STRING
   ULONG outputSize;
   USHORT answerLength;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!VolumeName || !DosName) {
     SK_ERROR("Invalid Parameter\n");
@@ -424,6 +426,7 @@ NTSTATUS skt_PathConvertToNtPath(POOL_TYPE PoolType, BOOLEAN IsDirectory, PFILE_
 
   UNREFERENCED_PARAMETER(PoolType);
   UNREFERENCED_PARAMETER(FileObject);
+  PAGED_CODE();
   SK_ENTER();
   if (!Path || (!NtPath && !DosPath)) {
     SK_ERROR("Invalid Parameter\n");
@@ -450,6 +453,7 @@ NTSTATUS skt_ImagePathConvertToNtPath(POOL_TYPE PoolType, PFILE_OBJECT FileObjec
   PUNICODE_STRING ntName = NULL;
 
   UNREFERENCED_PARAMETER(PoolType);
+  PAGED_CODE();
   SK_ENTER();
   if ((!FileObject && !Path) || (!NtPath && !DosPath)) {
     SK_ERROR("Invalid Parameter\n");
@@ -478,6 +482,7 @@ NTSTATUS skt_QueryNtPath(PUNICODE_STRING Path, BOOLEAN IsDirectory, PUNICODE_STR
   HANDLE handle = NULL;
   PFILE_OBJECT file = NULL;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!Path || !NtPath) {
     SK_ERROR("Invalid Parameter\n");
@@ -497,6 +502,7 @@ NTSTATUS skt_QueryDosPathFromNtPath(POOL_TYPE PoolType, PCUNICODE_STRING NtPath,
   NTSTATUS status = STATUS_SUCCESS;
 
   UNREFERENCED_PARAMETER(PoolType);
+  PAGED_CODE();
   SK_ENTER();
   if (!NtPath || !DosPath) {
     SK_ERROR("Invalid Parameter\n");
@@ -530,6 +536,7 @@ NTSTATUS sk_GetImageRealPath(PUNICODE_STRING ImageName, PUNICODE_STRING *RealPat
   USHORT chars;
   USHORT i;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!ImageName || !RealPath) {
     SK_ERROR("Invalid Parameter\n");

@@ -28,6 +28,7 @@ static VOID sk_PrintBlackRuleAdd(SK_EVENT_TYPE EventType, PCUNICODE_STRING Patte
 
 NTSTATUS sk_AddBlackRule(RuleMgr *BlackRuleMgr, SK_EVENT_TYPE EventType, PCUNICODE_STRING Pattern) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_AddRule(BlackRuleMgr, EventType, Pattern);
   SK_LEAVE(status);
@@ -48,6 +49,7 @@ NTSTATUS sk_AddBlackRuleArray(RuleMgr *BlackRuleMgr, SK_EVENT_TYPE EventType, co
   UNICODE_STRING pattern;
   ULONG i;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!Array || Count == 0) {
     SK_ERROR("Invalid Parameter\n");
@@ -125,6 +127,7 @@ NTSTATUS sk_AddUserHiveBlackRule(RuleMgr *BlackRuleMgr) {
   ULONG index;
   ULONG resultLength;
 
+  PAGED_CODE();
   SK_ENTER();
   info = (PKEY_BASIC_INFORMATION)ExAllocatePoolWithTag(PagedPool, SK_USER_HIVE_INFO_SIZE, SK_TAG_USER_HIVE_INFO);
   if (!info) {
@@ -179,6 +182,7 @@ NTSTATUS sk_AddDefauleBlackRule(RuleMgr *BlackRuleMgr) {
   NTSTATUS status;
   ULONG t;
 
+  PAGED_CODE();
   SK_ENTER();
   SK_INFO("[sk_AddDefauleBlackRule] Add Default Black Rule\n");
   sk_AddUserHiveBlackRule(BlackRuleMgr);
@@ -199,6 +203,7 @@ NTSTATUS sk_AddDefauleBlackRule(RuleMgr *BlackRuleMgr) {
 NTSTATUS sk_InitBlackRuleMgr(void) {
   NTSTATUS status = STATUS_SUCCESS;
 
+  PAGED_CODE();
   SK_ENTER();
   // A second start keeps the rules of the first rather than adding the lists again.
   if (SentrelData.BlackRuleMgr.Flags & SK_RULE_MGR_INITED) {
@@ -214,6 +219,7 @@ Exit:
 
 NTSTATUS sk_UninitBlackRuleMgr(RuleMgr *BlackRuleMgr) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_UninitRuleMgr(BlackRuleMgr);
   SK_LEAVE(status);

@@ -27,6 +27,7 @@ static VOID sk_LeaveSlot(RuleNode *Slot) { ExReleaseRundownProtection(&Slot->Run
 NTSTATUS sk_InitRuleMgr(RuleMgr *Mgr) {
   ULONG i;
 
+  PAGED_CODE();
   SK_ENTER();
   if (Mgr->Flags & SK_RULE_MGR_INITED) {
     SK_INFO("Rule Mgr Already Inited\n");
@@ -54,6 +55,7 @@ VOID sk_DelAllRule(RuleMgr *Mgr) {
   RuleNode *slot;
   BOOLEAN closing;
 
+  PAGED_CODE();
   SK_ENTER();
   for (i = 0; i < SK_RULE_SLOT_COUNT; ++i) {
     slot = &Mgr->Slots[i];
@@ -73,6 +75,7 @@ VOID sk_DelAllRule(RuleMgr *Mgr) {
 }
 
 NTSTATUS sk_UninitRuleMgr(RuleMgr *Mgr) {
+  PAGED_CODE();
   SK_ENTER();
   if (Mgr->Flags & SK_RULE_MGR_INITED) {
     InterlockedAnd(&Mgr->Flags, ~SK_RULE_MGR_INITED);
@@ -104,6 +107,7 @@ NTSTATUS sk_AddRule(RuleMgr *Mgr, SK_EVENT_TYPE EventType, PCUNICODE_STRING Patt
   RuleNode *slot;
   PUNICODE_STRING converted = NULL;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!(SK_READ_ORDERED(Mgr->Flags) & SK_RULE_MGR_INITED)) {
     SK_ERROR("Rule Mgr no Inited\n");

@@ -20,6 +20,7 @@ NTSTATUS sk_AddWhiteRuleFunction_Ioctl(PVOID Buffer, ULONG Length) {
   WHITE_RULE_NODE header;
   PUNICODE_STRING path;
 
+  PAGED_CODE();
   SK_ENTER();
   for (;;) {
     if ((ULONG64)offset + WHITE_RULE_NODE_SIZE > Length) {

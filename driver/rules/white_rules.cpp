@@ -8,6 +8,7 @@
 
 NTSTATUS sk_AddWhiteRule(RuleMgr *WhiteRuleMgr, SK_EVENT_TYPE EventType, PCUNICODE_STRING Pattern) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_AddRule(WhiteRuleMgr, EventType, Pattern);
   SK_LEAVE(status);
@@ -30,6 +31,7 @@ NTSTATUS sk_AddDefauleWhiteRule(RuleMgr *WhiteRuleMgr) {
   UNICODE_STRING pattern;
   ULONG i;
 
+  PAGED_CODE();
   SK_ENTER();
   SK_INFO("[sk_AddDefauleWhiteRule] Add Default White Rule\n");
   for (i = 0; i < SK_DEFAULT_WHITE_RULES; ++i) {
@@ -49,6 +51,7 @@ NTSTATUS sk_AddDefauleWhiteRule(RuleMgr *WhiteRuleMgr) {
 NTSTATUS sk_InitWhiteRuleMgr(void) {
   NTSTATUS status = STATUS_SUCCESS;
 
+  PAGED_CODE();
   SK_ENTER();
   // A second start keeps the rules of the first rather than adding the list again.
   if (SentrelData.WhiteRuleMgr.Flags & SK_RULE_MGR_INITED) {
@@ -64,6 +67,7 @@ Exit:
 
 NTSTATUS sk_UninitWhiteRuleMgr(RuleMgr *WhiteRuleMgr) {
   NTSTATUS status;
+  PAGED_CODE();
   SK_ENTER();
   status = sk_UninitRuleMgr(WhiteRuleMgr);
   SK_LEAVE(status);
@@ -71,6 +75,7 @@ NTSTATUS sk_UninitWhiteRuleMgr(RuleMgr *WhiteRuleMgr) {
 }
 
 VOID sk_DelAllWhiteRule(void) {
+  PAGED_CODE();
   SK_ENTER();
   sk_DelAllRule(&SentrelData.WhiteRuleMgr);
   if (sk_LogPrefix(-1, SK_LEVEL_INFO, SK_MODULE)) DbgPrint("sk_DelAllWhiteRule Leave\n");

@@ -106,6 +106,9 @@ void Pool::Free(PVOID p, ULONG tag, bool checkTag, const char* call) {
     }
     blocks_.erase(it);
   }
+  if (!block.NonPaged() && KeGetCurrentIrql() > APC_LEVEL) {
+    K().verifier.Violation(call, "paged pool freed above APC_LEVEL");
+  }
   if (block.fd >= 0) {
     // The pages must not stay visible in a process once the block is someone else's memory.
     for (const UserView& view : K().mm.TakeViewsShowing(reinterpret_cast<uintptr_t>(p), block.mapped)) {
@@ -156,6 +159,9 @@ PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULON
 }
 
 PVOID NTAPI ExAllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes) {
+  if ((PoolType & 1) == PagedPool && KeGetCurrentIrql() > APC_LEVEL) {
+    K().verifier.Violation("ExAllocatePool", "paged pool allocated above APC_LEVEL");
+  }
   return K().pool.Allocate(PoolType, NumberOfBytes, 0, "ExAllocatePool");
 }
 

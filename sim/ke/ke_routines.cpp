@@ -215,6 +215,10 @@ VOID NTAPI KeUnstackDetachProcess(PRKAPC_STATE ApcState) {
 // ---------------------------------------------------------------------------------------------
 // A driver's __try blocks around routines that raise.
 
+VOID NtSimPagedCode(PCSTR Routine) {
+  if (KeGetCurrentIrql() > APC_LEVEL) K().verifier.Violation(Routine, "pageable code (PAGED_CODE) run above APC_LEVEL");
+}
+
 VOID NtSimEnterGuardedRegion(void) {
   _KTHREAD* thread = CurrentThread();
   if (thread->guardDepth++ == 0) thread->raisedStatus = STATUS_SUCCESS;

@@ -2,9 +2,38 @@
 #include "kernel.h"
 #include "rtl/format.h"
 
+#include <cstring>
+
 using namespace ntsim;
 
+namespace {
+
+// Whether a format has a conversion of Unicode text: %C, %S, %lc, %ls, %wc, %ws or %wZ. DbgPrint
+// takes those only at PASSIVE_LEVEL (their conversion may touch paged memory).
+bool HasUnicodeConversion(PCSTR format) {
+  for (const char* p = format; *p; ++p) {
+    if (*p != '%') continue;
+    ++p;
+    if (*p == '%') continue;
+    while (*p && std::strchr("-+ #0123456789.*", *p)) ++p;
+    bool wide = false;
+    while (*p == 'l' || *p == 'w' || *p == 'h' || *p == 'I' || *p == 'L' || *p == '6' || *p == '4' ||
+           *p == '3' || *p == '2') {
+      if (*p == 'l' || *p == 'w') wide = true;
+      ++p;
+    }
+    if (!*p) break;
+    if (*p == 'S' || *p == 'C' || (wide && (*p == 's' || *p == 'c' || *p == 'Z'))) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 ULONG DbgPrint(PCSTR Format, ...) {
+  if (KeGetCurrentIrql() != PASSIVE_LEVEL && HasUnicodeConversion(Format)) {
+    K().verifier.Violation("DbgPrint", std::string("a Unicode format above PASSIVE_LEVEL: \"") + Format + "\"");
+  }
   va_list args;
   va_start(args, Format);
   std::string text = FormatNarrow(Format, args);

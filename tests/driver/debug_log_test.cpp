@@ -44,7 +44,11 @@ TEST_F(DebugLogTest, PrefixNamesSeverityAndThreadAndIndentsByDepth) {
     Line(0, SK_LEVEL_ERROR, SK_TRACE_CORE, "failure");
     sk_TraceLeave(SK_TRACE_CORE, "inner", STATUS_SUCCESS);
     sk_TraceLeave(SK_TRACE_CORE, "outer", STATUS_INVALID_PARAMETER);
+    // Lines are printed under fast mutexes too, at APC_LEVEL, where DbgPrint takes no Unicode.
+    KIRQL old;
+    KeRaiseIrql(APC_LEVEL, &old);
     Line(0, SK_LEVEL_WARNING, SK_TRACE_CORE, "warned");
+    KeLowerIrql(old);
     return 0;
   });
   char thread[32];

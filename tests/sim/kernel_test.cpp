@@ -144,7 +144,39 @@ TEST(PoolTest, MisuseOfTheAllocatorIsAViolation) {
   EXPECT_EQ(ViolationCalls(world), std::vector<std::string>{"ExAllocatePoolWithTag"});
   EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
   ExFreePoolWithTag(nonPaged, kTagA);
-  if (paged) ExFreePoolWithTag(paged, kTagA);
+
+  // Freeing paged pool is as bound to APC_LEVEL as allocating it.
+  world.verifier().ClearViolations();
+  if (!paged) paged = ExAllocatePoolWithTag(PagedPool, 16, kTagA);
+  KeRaiseIrql(DISPATCH_LEVEL, &old);
+  ExFreePoolWithTag(paged, kTagA);
+  KeLowerIrql(old);
+  EXPECT_EQ(ViolationCalls(world), std::vector<std::string>{"ExFreePoolWithTag"});
+}
+
+// DbgPrint converts Unicode text only at PASSIVE_LEVEL; pageable routines run at APC_LEVEL at most.
+TEST(IrqlRuleTest, UnicodeFormatsAndPageableCodeAboveTheirLevelAreViolations) {
+  World world;
+  RecordViolations(world);
+  UNICODE_STRING name;
+  RtlInitUnicodeString(&name, L"x");
+  KIRQL old;
+  KeRaiseIrql(APC_LEVEL, &old);  // as a fast mutex holder runs
+  DbgPrint("%s %d %p %Z %%S\n", "ansi", 1, nullptr, nullptr);
+  PAGED_CODE();
+  EXPECT_TRUE(world.verifier().Violations().empty());
+  for (const char* format : {"%S\n", "%ws\n", "%-8ls\n", "%wZ\n", "%C\n", "%wc\n"}) {
+    DbgPrint(format, format[1] == 'w' && format[2] == 'Z' ? static_cast<void*>(&name) : static_cast<void*>(name.Buffer));
+  }
+  EXPECT_EQ(ViolationCalls(world), std::vector<std::string>(6, "DbgPrint"));
+  world.verifier().ClearViolations();
+  KeRaiseIrql(DISPATCH_LEVEL, &old);
+  PAGED_CODE();
+  KeLowerIrql(PASSIVE_LEVEL);
+  EXPECT_EQ(ViolationCalls(world), std::vector<std::string>{"TestBody"});
+  world.verifier().ClearViolations();
+  DbgPrint("%wZ\n", &name);  // at PASSIVE_LEVEL
+  EXPECT_TRUE(world.verifier().Violations().empty());
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -58,6 +58,10 @@ typedef struct _KAPC_STATE {
 NTSIM_BEGIN_DECLS
 
 KIRQL NTAPI KeGetCurrentIrql(void);
+// PAGED_CODE(): the routine it begins must not run above APC_LEVEL (its code may be paged out). The
+// checked kernel asserts it; here it is a verifier violation naming the routine.
+VOID NtSimPagedCode(PCSTR Routine);
+#define PAGED_CODE() NtSimPagedCode(__func__)
 VOID NTAPI KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql);
 VOID NTAPI KeLowerIrql(KIRQL NewIrql);
 VOID NTAPI KeEnterCriticalRegion(void);

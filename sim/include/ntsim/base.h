@@ -158,8 +158,9 @@ typedef struct _OBJECT_ATTRIBUTES {
 #define RTL_FIELD_SIZE(type, field) (sizeof(((type *)0)->field))
 #define RTL_NUMBER_OF(A) (sizeof(A) / sizeof((A)[0]))
 #define ARRAYSIZE(A) RTL_NUMBER_OF(A)
-#define CONTAINING_RECORD(address, type, field) \
-  ((type *)((PCHAR)(address) - (ULONG_PTR)(&((type *)0)->field)))
+// By offsetof, not by a member of a null pointer as the DDK's macro is: the same address, without
+// the undefined behaviour that the sanitizers stop at.
+#define CONTAINING_RECORD(address, type, field) ((type *)((PCHAR)(address) - offsetof(type, field)))
 #define NT_SUCCESS(Status) (((NTSTATUS)(Status)) >= 0)
 #define NT_ERROR_STATUS(Status) ((((ULONG)(Status)) >> 30) == 3)
 #define ALIGN_UP_BY(length, alignment) \

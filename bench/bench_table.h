@@ -81,4 +81,13 @@ inline void AtMost(const std::string& benchmark, double ns, const std::string& b
   Row(benchmark, Ns(ns), baselineName + " " + Ns(baselineNs), ratio, goal, ns > 0 && baselineNs > 0 && ratio <= limit);
 }
 
+// A speed-up: the baseline's time over the figure's, with the goal "at least Limit times".
+inline void SpeedUpAtLeast(const std::string& benchmark, double ns, const std::string& baselineName, double baselineNs,
+                           double limit) {
+  double ratio = ns > 0 ? baselineNs / ns : 0;
+  char goal[48];
+  std::snprintf(goal, sizeof goal, "speed-up >= %.1fx", limit);
+  Row(benchmark, Ns(ns), baselineName + " " + Ns(baselineNs), ratio, goal, ns > 0 && baselineNs > 0 && ratio >= limit);
+}
+
 }  // namespace bench_table

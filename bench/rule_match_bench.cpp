@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_table.h"
 #include "core/sentrel_data.h"
 #include "rules/default_rules.h"
 #include "rules/rule_sets.h"
@@ -296,6 +297,12 @@ class RatioReporter : public benchmark::ConsoleReporter {
       if (t <= 0 || t10 <= 0) continue;
       std::printf("%-10s %12.1f %12.1f %8.1fx %12.1f %12.1f %8.1fx %11.2fx %11.2fx\n", kCategoryNames[c], t, l, l / t,
                   t10, l10, l10 / t10, t10 / t, l10 / l);
+    }
+    bench_table::SpeedUpAtLeast("rule match, built-in sets, event mix", Time(0, 0, kAll), "each rule in turn",
+                                Time(1, 0, kAll), 10.0);
+    for (int c = kProcesses; c < kCategories; ++c) {
+      bench_table::SpeedUpAtLeast(std::string("rule match, built-in sets, ") + kCategoryNames[c], Time(0, 0, c),
+                                  "each rule in turn", Time(1, 0, c), 1.0);
     }
   }
 

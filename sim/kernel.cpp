@@ -10,26 +10,28 @@ namespace ntsim {
 
 void PublishObjectTypes(ObjectManager& ob);
 
+std::atomic<Kernel*> g_kernel{nullptr};
+std::atomic<uint64_t> g_kernelGeneration{0};
+
 namespace {
-std::atomic<Kernel*> g_kernel{nullptr};  // read by every host thread that calls the kernel
 std::atomic<uint64_t> g_generation{0};
 }  // namespace
 
 Kernel::Kernel(const MachineConfig& machine) : config(machine), generation(++g_generation) {
   Kernel* previous = g_kernel;
-  g_kernel = this;  // boot steps below already call kernel routines
+  SetKernel(this);  // boot steps below already call kernel routines
   modules.Boot(KernelExports(config), config.listKernelImage);
   PublishObjectTypes(ob);
   ps.Boot(ob);
   io.Boot(ob);
   cm.Boot(ob);
   StartMountManager(io);
-  g_kernel = previous ? previous : this;
+  SetKernel(previous ? previous : this);
 }
 
 Kernel::~Kernel() {
   Kernel* previous = g_kernel;
-  g_kernel = this;
+  SetKernel(this);
   threads.Shutdown();  // system threads run kernel code until they end
   StopMountManager();  // its late answers complete requests of this kernel
   cm.Teardown();
@@ -39,20 +41,20 @@ Kernel::~Kernel() {
   pool.ReleaseAll();
   faults.ReleaseAll();
   modules.Teardown();
-  g_kernel = previous == this ? nullptr : previous;
+  SetKernel(previous == this ? nullptr : previous);
   ResetCurrentThreadBinding();
 }
 
-Kernel& K() {
-  if (!g_kernel) {
-    std::fprintf(stderr, "ntsim: a kernel routine was called with no simulated machine booted\n");
-    std::abort();
-  }
-  return *g_kernel;
+void NoKernelBooted() {
+  std::fprintf(stderr, "ntsim: a kernel routine was called with no simulated machine booted\n");
+  std::abort();
 }
 
 bool KernelBooted() { return g_kernel != nullptr; }
 
-void SetKernel(Kernel* kernel) { g_kernel = kernel; }
+void SetKernel(Kernel* kernel) {
+  g_kernel = kernel;
+  g_kernelGeneration = kernel ? kernel->generation : 0;
+}
 
 }  // namespace ntsim

@@ -66,9 +66,24 @@ struct Kernel {
   std::atomic<bool> rundownAcquireHooked{false};
 };
 
-// The booted kernel. Calling a kernel routine with no machine booted stops the process.
-Kernel& K();
+// The booted kernel. Calling a kernel routine with no machine booted stops the process. Inline:
+// every kernel routine starts here.
+extern std::atomic<Kernel*> g_kernel;  // read by every host thread that calls the kernel
+extern std::atomic<uint64_t> g_kernelGeneration;  // its generation, 0 with none booted
+[[noreturn]] void NoKernelBooted();
+inline Kernel& K() {
+  Kernel* kernel = g_kernel.load(std::memory_order_acquire);
+  if (__builtin_expect(!kernel, 0)) NoKernelBooted();
+  return *kernel;
+}
 bool KernelBooted();
 void SetKernel(Kernel* kernel);
+
+inline _KTHREAD* CurrentThread() {
+  const ThreadBinding& binding = t_binding;
+  uint64_t booted = g_kernelGeneration.load(std::memory_order_acquire);
+  if (__builtin_expect(binding.thread != nullptr && binding.generation == booted, 1)) return binding.thread;
+  return BindCurrentThread();
+}
 
 }  // namespace ntsim

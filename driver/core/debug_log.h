@@ -49,10 +49,17 @@ NTSTATUS sk_InitDebugLevel(PUNICODE_STRING RegistryPath);
 NTSTATUS sk_UninitDebugLevel(void);
 NTSTATUS sk_DebugRegistryCallback(PVOID CallbackContext, PVOID Argument1, PVOID Argument2);
 
+// Whether a line of this severity and module would print: two loads and a compare, inline, so
+// that a line whose level is off costs nothing more on the paths that run for every event.
+static inline BOOLEAN sk_LogEnabled(ULONG Severity, ULONG Module) {
+  if ((SK_READ_ONCE(PrintLevel) & Severity) != Severity) return FALSE;
+  return (SK_READ_ONCE(TraceLevel) & Module) == Module || Severity == SK_LEVEL_EVENT_REPORT;
+}
+
 // Lines of a module. A source file defines SK_MODULE to its module bit before using these.
-#define SK_PRINT(Severity, ...)                                          \
-  do {                                                                   \
-    if (sk_LogPrefix(0, (Severity), SK_MODULE)) DbgPrint(__VA_ARGS__);   \
+#define SK_PRINT(Severity, ...)                                                                          \
+  do {                                                                                                   \
+    if (sk_LogEnabled((Severity), SK_MODULE) && sk_LogPrefix(0, (Severity), SK_MODULE)) DbgPrint(__VA_ARGS__); \
   } while (0)
 #define SK_ERROR(...) SK_PRINT(SK_LEVEL_ERROR, __VA_ARGS__)
 #define SK_WARNING(...) SK_PRINT(SK_LEVEL_WARNING, __VA_ARGS__)
@@ -61,7 +68,16 @@ NTSTATUS sk_DebugRegistryCallback(PVOID CallbackContext, PVOID Argument1, PVOID 
 #define SK_FAIL(Callee, Status) SK_ERROR(Callee " fail Status:%08lx\n", (Status))
 
 // The trace pair: "<operation> Entry\n" on entry, "<operation> -> %08lx\n" on every exit.
-#define SK_ENTER() sk_TraceEnter(SK_MODULE, __func__)
-#define SK_LEAVE(Status) sk_TraceLeave(SK_MODULE, __func__, (Status))
+#define SK_ENTER()                                                        \
+  do {                                                                    \
+    if (sk_LogEnabled(SK_LEVEL_INFO, SK_MODULE)) sk_TraceEnter(SK_MODULE, __func__); \
+  } while (0)
+#define SK_LEAVE(Status)                                                                   \
+  do {                                                                                     \
+    if (sk_LogEnabled(SK_LEVEL_INFO, SK_MODULE)) sk_TraceLeave(SK_MODULE, __func__, (Status)); \
+  } while (0)
 // The exit line of a routine that answers with an address.
-#define SK_LEAVE_ADDRESS(Address) sk_TraceLeaveAddress(SK_MODULE, __func__, (PVOID)(Address))
+#define SK_LEAVE_ADDRESS(Address)                                                                          \
+  do {                                                                                                     \
+    if (sk_LogEnabled(SK_LEVEL_INFO, SK_MODULE)) sk_TraceLeaveAddress(SK_MODULE, __func__, (PVOID)(Address)); \
+  } while (0)

@@ -17,6 +17,12 @@ SK_CALLBACK_SLOT ThreadNotifySlots[SK_CALLBACK_SLOT_COUNT];
 volatile LONG ThreadNotifyCount;
 SK_CALLBACK_SLOT ImageNotifySlots[SK_CALLBACK_SLOT_COUNT];
 volatile BOOLEAN ImageNotifyEnabled;
+// Per slot, the routine it was last filled with: a hint that lets a removal reference only the slot
+// that holds its routine. A reference on any other slot would take the slots' cache line from every
+// processor that is fanning out at that moment.
+static PVOID ProcessNotifyRoutines[SK_PROCESS_NOTIFY_VARIANTS][SK_CALLBACK_SLOT_COUNT];
+static PVOID ThreadNotifyRoutines[SK_CALLBACK_SLOT_COUNT];
+static PVOID ImageNotifyRoutines[SK_CALLBACK_SLOT_COUNT];
 // How many slow-path references are between reading a slot and taking their reference. A
 // replacement waits for it to fall to zero after its exchange. (A push lock did this before; the
 // push-lock routines are documented only from Windows 10 version 1809, and Sentrel loads on 7.)
@@ -140,13 +146,15 @@ BOOLEAN sk_ReplaceCallbackBlock(SK_CALLBACK_SLOT *Slot, PSK_CALLBACK_BLOCK NewBl
 // ---------------------------------------------------------------------------------------------
 // Adding, removing, purging
 
-static NTSTATUS sk_AddToList(SK_CALLBACK_SLOT *Slots, PVOID Routine, NTSTATUS FullStatus, BOOLEAN *Added) {
+static NTSTATUS sk_AddToList(SK_CALLBACK_SLOT *Slots, PVOID *Routines, PVOID Routine, NTSTATUS FullStatus,
+                             BOOLEAN *Added) {
   PSK_CALLBACK_BLOCK block = sk_AllocateCallbackBlock(Routine);
   ULONG i;
   *Added = FALSE;
   if (!block) return STATUS_INSUFFICIENT_RESOURCES;
   for (i = 0; i < SK_CALLBACK_SLOT_COUNT; ++i) {
     if (sk_ReplaceCallbackBlock(&Slots[i], block, NULL)) {
+      SK_WRITE_ONCE(Routines[i], Routine);
       *Added = TRUE;
       return STATUS_SUCCESS;
     }
@@ -155,14 +163,30 @@ static NTSTATUS sk_AddToList(SK_CALLBACK_SLOT *Slots, PVOID Routine, NTSTATUS Fu
   return FullStatus;
 }
 
-// Takes the lowest slot holding Routine out of the list and returns its block, or null.
-static PSK_CALLBACK_BLOCK sk_TakeFromList(SK_CALLBACK_SLOT *Slots, PVOID Routine) {
+// Takes slot I out of the list if it holds Routine, and returns its block, or null.
+static PSK_CALLBACK_BLOCK sk_TakeSlotIfRoutine(SK_CALLBACK_SLOT *Slots, ULONG I, PVOID Routine) {
+  PSK_CALLBACK_BLOCK block = sk_ReferenceCallbackBlock(&Slots[I]);
+  if (!block) return NULL;
+  if (sk_GetCallbackBlockRoutine(block) == Routine && sk_ReplaceCallbackBlock(&Slots[I], NULL, block)) return block;
+  sk_DereferenceCallbackBlock(&Slots[I], block);
+  return NULL;
+}
+
+// Takes a slot holding Routine out of the list and returns its block, or null. The slots whose
+// hint names Routine are tried first, lowest first; only when none of them holds it (a hint
+// overtaken by concurrent adds) is every slot tried, so whether a routine is found never depends
+// on the hints.
+static PSK_CALLBACK_BLOCK sk_TakeFromList(SK_CALLBACK_SLOT *Slots, PVOID *Routines, PVOID Routine) {
+  PSK_CALLBACK_BLOCK block;
   ULONG i;
   for (i = 0; i < SK_CALLBACK_SLOT_COUNT; ++i) {
-    PSK_CALLBACK_BLOCK block = sk_ReferenceCallbackBlock(&Slots[i]);
-    if (!block) continue;
-    if (sk_GetCallbackBlockRoutine(block) == Routine && sk_ReplaceCallbackBlock(&Slots[i], NULL, block)) return block;
-    sk_DereferenceCallbackBlock(&Slots[i], block);
+    if (SK_READ_ONCE(Routines[i]) != Routine) continue;
+    block = sk_TakeSlotIfRoutine(Slots, i, Routine);
+    if (block) return block;
+  }
+  for (i = 0; i < SK_CALLBACK_SLOT_COUNT; ++i) {
+    block = sk_TakeSlotIfRoutine(Slots, i, Routine);
+    if (block) return block;
   }
   return NULL;
 }
@@ -207,9 +231,10 @@ NTSTATUS sk_PsSetCreateProcessNotifyRoutine(ULONG Variant, PVOID Routine, BOOLEA
   if (Variant >= SK_PROCESS_NOTIFY_VARIANTS) {
     status = STATUS_INVALID_PARAMETER;
   } else if (!Remove) {
-    status = sk_AddToList(ProcessNotifySlots[Variant], Routine, STATUS_INVALID_PARAMETER, &added);
+    status = sk_AddToList(ProcessNotifySlots[Variant], ProcessNotifyRoutines[Variant], Routine, STATUS_INVALID_PARAMETER,
+                          &added);
     if (added) InterlockedIncrement(&ProcessNotifyCount[Variant]);
-  } else if ((block = sk_TakeFromList(ProcessNotifySlots[Variant], Routine)) == NULL) {
+  } else if ((block = sk_TakeFromList(ProcessNotifySlots[Variant], ProcessNotifyRoutines[Variant], Routine)) == NULL) {
     status = STATUS_PROCEDURE_NOT_FOUND;
   } else {
     InterlockedDecrement(&ProcessNotifyCount[Variant]);
@@ -222,20 +247,22 @@ NTSTATUS sk_PsSetCreateProcessNotifyRoutine(ULONG Variant, PVOID Routine, BOOLEA
 
 // Adding and removing for the thread and image kinds, which need their kernel registration in
 // force. A list without a count (image) is marked enabled instead.
-static NTSTATUS sk_AddKindSubscriber(LONG KindBit, SK_CALLBACK_SLOT *Slots, PVOID Routine, volatile LONG *Count) {
+static NTSTATUS sk_AddKindSubscriber(LONG KindBit, SK_CALLBACK_SLOT *Slots, PVOID *Routines, PVOID Routine,
+                                     volatile LONG *Count) {
   NTSTATUS status;
   BOOLEAN added;
   if (!sk_CallbackKindActive(KindBit)) return STATUS_INSUFFICIENT_RESOURCES;
-  status = sk_AddToList(Slots, Routine, STATUS_INSUFFICIENT_RESOURCES, &added);
+  status = sk_AddToList(Slots, Routines, Routine, STATUS_INSUFFICIENT_RESOURCES, &added);
   if (added && Count) InterlockedIncrement(Count);
   if (added && !Count) SK_WRITE_ONCE(ImageNotifyEnabled, (BOOLEAN)TRUE);
   return status;
 }
 
-static NTSTATUS sk_RemoveKindSubscriber(LONG KindBit, SK_CALLBACK_SLOT *Slots, PVOID Routine, volatile LONG *Count) {
+static NTSTATUS sk_RemoveKindSubscriber(LONG KindBit, SK_CALLBACK_SLOT *Slots, PVOID *Routines, PVOID Routine,
+                                        volatile LONG *Count) {
   PSK_CALLBACK_BLOCK block;
   if (!sk_CallbackKindActive(KindBit)) return STATUS_INSUFFICIENT_RESOURCES;
-  block = sk_TakeFromList(Slots, Routine);
+  block = sk_TakeFromList(Slots, Routines, Routine);
   if (!block) return STATUS_PROCEDURE_NOT_FOUND;
   if (Count) InterlockedDecrement(Count);
   sk_RetireBlock(block);
@@ -246,7 +273,8 @@ NTSTATUS sk_PsSetCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Routine
   NTSTATUS status;
   PAGED_CODE();
   SK_ENTER();
-  status = sk_AddKindSubscriber(SK_CALLBACK_PLUS_THREAD, ThreadNotifySlots, (PVOID)Routine, &ThreadNotifyCount);
+  status = sk_AddKindSubscriber(SK_CALLBACK_PLUS_THREAD, ThreadNotifySlots, ThreadNotifyRoutines, (PVOID)Routine,
+                                &ThreadNotifyCount);
   SK_LEAVE(status);
   return status;
 }
@@ -255,7 +283,8 @@ NTSTATUS sk_PsRemoveCreateThreadNotifyRoutine(PCREATE_THREAD_NOTIFY_ROUTINE Rout
   NTSTATUS status;
   PAGED_CODE();
   SK_ENTER();
-  status = sk_RemoveKindSubscriber(SK_CALLBACK_PLUS_THREAD, ThreadNotifySlots, (PVOID)Routine, &ThreadNotifyCount);
+  status = sk_RemoveKindSubscriber(SK_CALLBACK_PLUS_THREAD, ThreadNotifySlots, ThreadNotifyRoutines, (PVOID)Routine,
+                                   &ThreadNotifyCount);
   SK_LEAVE(status);
   return status;
 }
@@ -264,7 +293,7 @@ NTSTATUS sk_PsSetLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE Routine) {
   NTSTATUS status;
   PAGED_CODE();
   SK_ENTER();
-  status = sk_AddKindSubscriber(SK_CALLBACK_PLUS_IMAGE, ImageNotifySlots, (PVOID)Routine, NULL);
+  status = sk_AddKindSubscriber(SK_CALLBACK_PLUS_IMAGE, ImageNotifySlots, ImageNotifyRoutines, (PVOID)Routine, NULL);
   SK_LEAVE(status);
   return status;
 }
@@ -273,7 +302,7 @@ NTSTATUS sk_PsRemoveLoadImageNotifyRoutine(PLOAD_IMAGE_NOTIFY_ROUTINE Routine) {
   NTSTATUS status;
   PAGED_CODE();
   SK_ENTER();
-  status = sk_RemoveKindSubscriber(SK_CALLBACK_PLUS_IMAGE, ImageNotifySlots, (PVOID)Routine, NULL);
+  status = sk_RemoveKindSubscriber(SK_CALLBACK_PLUS_IMAGE, ImageNotifySlots, ImageNotifyRoutines, (PVOID)Routine, NULL);
   SK_LEAVE(status);
   return status;
 }
@@ -344,6 +373,7 @@ NTSTATUS sk_InitProcessCallbackPlus(void) {
   SK_ENTER();
   if (sk_CallbackKindActive(SK_CALLBACK_PLUS_PROCESS)) goto Exit;
   RtlZeroMemory((PVOID)ProcessNotifySlots, sizeof(ProcessNotifySlots));
+  RtlZeroMemory((PVOID)ProcessNotifyRoutines, sizeof(ProcessNotifyRoutines));
   RtlZeroMemory((PVOID)ProcessNotifyCount, sizeof(ProcessNotifyCount));
 
   status = PsSetCreateProcessNotifyRoutine(sk_CreateProcessNotify, FALSE);
@@ -381,6 +411,7 @@ NTSTATUS sk_InitThreadCallbackPlus(void) {
   SK_ENTER();
   if (!sk_CallbackKindActive(SK_CALLBACK_PLUS_THREAD)) {
     RtlZeroMemory((PVOID)ThreadNotifySlots, sizeof(ThreadNotifySlots));
+    RtlZeroMemory((PVOID)ThreadNotifyRoutines, sizeof(ThreadNotifyRoutines));
     ThreadNotifyCount = 0;
     status = PsSetCreateThreadNotifyRoutine(sk_CreateThreadNotify);
     if (!NT_SUCCESS(status)) SK_FAIL("PsSetCreateThreadNotifyRoutine", status);
@@ -396,6 +427,7 @@ NTSTATUS sk_InitLoadImageCallbackPlus(void) {
   SK_ENTER();
   if (!sk_CallbackKindActive(SK_CALLBACK_PLUS_IMAGE)) {
     RtlZeroMemory((PVOID)ImageNotifySlots, sizeof(ImageNotifySlots));
+    RtlZeroMemory((PVOID)ImageNotifyRoutines, sizeof(ImageNotifyRoutines));
     status = PsSetLoadImageNotifyRoutine(sk_LoadImageNotify);
     if (!NT_SUCCESS(status)) SK_FAIL("PsSetLoadImageNotifyRoutine", status);
     else InterlockedOr(&SentrelData.InitFlags, SK_CALLBACK_PLUS_IMAGE);

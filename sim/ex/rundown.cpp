@@ -19,7 +19,7 @@ bool Exchange(PEX_RUNDOWN_REF RunRef, ULONG_PTR* expected, ULONG_PTR desired) {
 }
 
 void CheckIrql(const char* call, KIRQL highest) {
-  if (KeGetCurrentIrql() > highest) {
+  if (CurrentThread()->irql > highest) {
     K().verifier.Violation(call, highest == APC_LEVEL ? "called above APC_LEVEL" : "called above DISPATCH_LEVEL");
   }
 }

@@ -1,6 +1,13 @@
 // Executive resources and fast mutexes.
-#include <map>
+//
+// An executive resource is a lock word (ex/lock_word.h) with its exclusive owner and that owner's
+// recursion count beside it; each thread keeps the resources it owns shared in a small table of
+// its own (as the kernel keeps owner entries), so that a recursive shared acquire, a shared owner
+// asking for exclusive access and a release by a thread that owns nothing are caught without a
+// lock. Uncontended, an acquire and a release are one interlocked operation each.
+#include <algorithm>
 
+#include "ex/lock_word.h"
 #include "kernel.h"
 #include "ke/dispatcher.h"
 
@@ -9,19 +16,40 @@ using namespace ntsim;
 namespace {
 
 struct ResourceImpl {
-  _KTHREAD* exclusiveOwner = nullptr;
-  int exclusiveCount = 0;
-  int exclusiveWaiters = 0;
-  std::map<_KTHREAD*, int> shared;
+  volatile ULONG_PTR word = 0;
+  std::atomic<_KTHREAD*> exclusiveOwner{nullptr};
+  int exclusiveCount = 0;  // the owner's acquisitions, exclusive and shared; touched only by the owner
 };
 
-ResourceImpl* ImplOf(PERESOURCE resource, const char* call) {
-  if (!resource->Impl) K().verifier.Violation(call, "executive resource not initialised (or already deleted)");
+// Out of line and cold, so that the checks around it stay a compare and a branch.
+[[gnu::cold, gnu::noinline]] void Report(const char* call, const char* what) { K().verifier.Violation(call, what); }
+
+inline ResourceImpl* ImplOf(PERESOURCE resource, const char* call) {
+  if (!resource->Impl) Report(call, "executive resource not initialised (or already deleted)");
   return static_cast<ResourceImpl*>(resource->Impl);
 }
 
-void CheckCriticalRegion(const char* call) {
-  if (!KeAreApcsDisabled()) K().verifier.Violation(call, "executive resource acquired outside a critical region");
+inline void CheckCriticalRegion(_KTHREAD* self, const char* call) {
+  if (self->kernelApcDisable <= 0 && self->irql < APC_LEVEL) {
+    Report(call, "executive resource acquired outside a critical region");
+  }
+}
+
+bool OwnedExclusively(ResourceImpl* impl, _KTHREAD* self) {
+  return impl->exclusiveOwner.load(std::memory_order_relaxed) == self;
+}
+
+// The thread's shared ownership of the resource, or null.
+_KTHREAD::SharedOwnership* SharedEntry(_KTHREAD* self, ResourceImpl* impl) {
+  for (auto& entry : self->sharedResources) {
+    if (entry.resource == impl) return &entry;
+  }
+  return nullptr;
+}
+
+bool Held(ResourceImpl* impl) {
+  ULONG_PTR word = __atomic_load_n(&impl->word, __ATOMIC_SEQ_CST);
+  return (word & kLockExclusive) || word >= kLockShared;
 }
 
 }  // namespace
@@ -35,62 +63,51 @@ NTSTATUS NTAPI ExInitializeResourceLite(PERESOURCE Resource) {
 NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource) {
   ResourceImpl* impl = ImplOf(Resource, "ExDeleteResourceLite");
   if (!impl) return STATUS_INVALID_PARAMETER;
-  {
-    std::lock_guard<std::mutex> lock(DispatcherLock());
-    if (impl->exclusiveOwner || !impl->shared.empty()) {
-      K().verifier.Violation("ExDeleteResourceLite", "deleting an executive resource that is still owned");
-    }
-  }
+  if (Held(impl)) K().verifier.Violation("ExDeleteResourceLite", "deleting an executive resource that is still owned");
   K().arena.Delete(impl);
   Resource->Impl = nullptr;
   return STATUS_SUCCESS;
 }
 
 BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
-  CheckCriticalRegion("ExAcquireResourceSharedLite");
+  _KTHREAD* self = CurrentThread();
+  CheckCriticalRegion(self, "ExAcquireResourceSharedLite");
   ResourceImpl* impl = ImplOf(Resource, "ExAcquireResourceSharedLite");
   if (!impl) return FALSE;
-  _KTHREAD* self = CurrentThread();
-  std::unique_lock<std::mutex> lock(DispatcherLock());
-  if (impl->exclusiveOwner == self) {  // an exclusive owner may also take it shared
+  if (OwnedExclusively(impl, self)) {  // an exclusive owner may also take it shared
     ++impl->exclusiveCount;
     return TRUE;
   }
-  auto grantable = [&] {
-    return !impl->exclusiveOwner && (impl->exclusiveWaiters == 0 || impl->shared.count(self));
-  };
-  if (!grantable()) {
-    if (!Wait) return FALSE;
-    DispatcherWake().wait(lock, grantable);
+  // A thread that already reads takes it again even while a writer waits, or it would wait for itself.
+  if (_KTHREAD::SharedOwnership* entry = SharedEntry(self, impl)) {
+    ++entry->count;
+    return TRUE;
   }
-  ++impl->shared[self];
+  if (Wait) AcquireLockWord(&impl->word, false);
+  else if (!TryAcquireLockWord(&impl->word, false)) return FALSE;
+  _KTHREAD::SharedOwnership& entry = self->sharedResources.emplace_back();
+  entry.resource = impl;
+  entry.count = 1;
   return TRUE;
 }
 
 BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) {
-  CheckCriticalRegion("ExAcquireResourceExclusiveLite");
+  _KTHREAD* self = CurrentThread();
+  CheckCriticalRegion(self, "ExAcquireResourceExclusiveLite");
   ResourceImpl* impl = ImplOf(Resource, "ExAcquireResourceExclusiveLite");
   if (!impl) return FALSE;
-  _KTHREAD* self = CurrentThread();
-  std::unique_lock<std::mutex> lock(DispatcherLock());
-  if (impl->exclusiveOwner == self) {
+  if (OwnedExclusively(impl, self)) {
     ++impl->exclusiveCount;
     return TRUE;
   }
-  if (impl->shared.count(self)) {
-    lock.unlock();
+  if (SharedEntry(self, impl)) {
     K().verifier.Violation("ExAcquireResourceExclusiveLite",
                            "a shared owner asks for the resource exclusively: it would wait for itself");
     return FALSE;
   }
-  auto grantable = [&] { return !impl->exclusiveOwner && impl->shared.empty(); };
-  if (!grantable()) {
-    if (!Wait) return FALSE;
-    ++impl->exclusiveWaiters;
-    DispatcherWake().wait(lock, grantable);
-    --impl->exclusiveWaiters;
-  }
-  impl->exclusiveOwner = self;
+  if (Wait) AcquireLockWord(&impl->word, true);
+  else if (!TryAcquireLockWord(&impl->word, true)) return FALSE;
+  impl->exclusiveOwner.store(self, std::memory_order_relaxed);
   impl->exclusiveCount = 1;
   return TRUE;
 }
@@ -99,67 +116,79 @@ VOID NTAPI ExReleaseResourceLite(PERESOURCE Resource) {
   ResourceImpl* impl = ImplOf(Resource, "ExReleaseResourceLite");
   if (!impl) return;
   _KTHREAD* self = CurrentThread();
-  {
-    std::lock_guard<std::mutex> lock(DispatcherLock());
-    if (impl->exclusiveOwner == self) {
-      if (--impl->exclusiveCount == 0) impl->exclusiveOwner = nullptr;
-    } else {
-      auto it = impl->shared.find(self);
-      if (it == impl->shared.end()) {
-        K().verifier.Violation("ExReleaseResourceLite", "releasing an executive resource the thread does not own");
-        return;
-      }
-      if (--it->second == 0) impl->shared.erase(it);
+  if (OwnedExclusively(impl, self)) {
+    if (--impl->exclusiveCount == 0) {
+      impl->exclusiveOwner.store(nullptr, std::memory_order_relaxed);
+      ReleaseLockWord(&impl->word, true);
     }
+    return;
   }
-  DispatcherWake().notify_all();
+  _KTHREAD::SharedOwnership* entry = SharedEntry(self, impl);
+  if (!entry) {
+    K().verifier.Violation("ExReleaseResourceLite", "releasing an executive resource the thread does not own");
+    return;
+  }
+  if (--entry->count > 0) return;
+  _KTHREAD::SharedOwnership& last = self->sharedResources.back();
+  if (entry != &last) {
+    entry->resource = last.resource;
+    entry->count = last.count;
+  }
+  self->sharedResources.pop_back();
+  ReleaseLockWord(&impl->word, false);
 }
 
 BOOLEAN NTAPI ExIsResourceAcquiredExclusiveLite(PERESOURCE Resource) {
   ResourceImpl* impl = ImplOf(Resource, "ExIsResourceAcquiredExclusiveLite");
   if (!impl) return FALSE;
-  std::lock_guard<std::mutex> lock(DispatcherLock());
-  return impl->exclusiveOwner == CurrentThread();
+  return OwnedExclusively(impl, CurrentThread());
 }
 
 ULONG NTAPI ExIsResourceAcquiredSharedLite(PERESOURCE Resource) {
   ResourceImpl* impl = ImplOf(Resource, "ExIsResourceAcquiredSharedLite");
   if (!impl) return 0;
   _KTHREAD* self = CurrentThread();
-  std::lock_guard<std::mutex> lock(DispatcherLock());
-  if (impl->exclusiveOwner == self) return static_cast<ULONG>(impl->exclusiveCount);
-  auto it = impl->shared.find(self);
-  return it == impl->shared.end() ? 0 : static_cast<ULONG>(it->second);
+  if (OwnedExclusively(impl, self)) return static_cast<ULONG>(impl->exclusiveCount);
+  _KTHREAD::SharedOwnership* entry = SharedEntry(self, impl);
+  return entry ? static_cast<ULONG>(entry->count) : 0;
 }
 
 // ---------------------------------------------------------------------------------------------
-// Fast mutexes: Count is 1 when free. The holder runs at APC_LEVEL; the previous level is kept in
-// the mutex, as the kernel does.
+// Fast mutexes: Count is 1 when free, taken with one compare-exchange. The holder runs at
+// APC_LEVEL; the previous level is kept in the mutex, as the kernel does. A thread that must wait
+// counts itself in Waiters and sleeps on the dispatcher's wait queue; a release wakes the queue
+// only when someone waits.
 
 VOID NTAPI ExInitializeFastMutex(PFAST_MUTEX FastMutex) {
   FastMutex->Count = 1;
+  FastMutex->Waiters = 0;
   FastMutex->Owner = nullptr;
   FastMutex->Contention = 0;
   KeInitializeEvent(&FastMutex->Event, SynchronizationEvent, FALSE);
 }
 
+static bool TryTakeFastMutexCount(PFAST_MUTEX FastMutex) {
+  LONG free = 1;
+  return __atomic_compare_exchange_n(&FastMutex->Count, &free, 0, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+
 static bool TakeFastMutex(PFAST_MUTEX FastMutex, bool wait, const char* call) {
   _KTHREAD* self = CurrentThread();
   if (self->irql > APC_LEVEL) K().verifier.Violation(call, "fast mutex acquired above APC_LEVEL");
-  std::unique_lock<std::mutex> lock(DispatcherLock());
-  if (FastMutex->Owner == self) {
+  if (__atomic_load_n(&FastMutex->Owner, __ATOMIC_RELAXED) == self) {
     if (!wait) return false;  // a try simply fails, as for any held mutex
-    lock.unlock();
     K().verifier.Violation(call, "fast mutex acquired recursively: the thread would wait for itself");
     return false;
   }
-  if (FastMutex->Count != 1) {
+  if (!TryTakeFastMutexCount(FastMutex)) {
     if (!wait) return false;
+    std::unique_lock<std::mutex> lock(DispatcherLock());
+    __atomic_add_fetch(&FastMutex->Waiters, 1, __ATOMIC_SEQ_CST);
     ++FastMutex->Contention;
-    DispatcherWake().wait(lock, [FastMutex] { return FastMutex->Count == 1; });
+    DispatcherWake().wait(lock, [FastMutex] { return TryTakeFastMutexCount(FastMutex); });
+    __atomic_sub_fetch(&FastMutex->Waiters, 1, __ATOMIC_SEQ_CST);
   }
-  FastMutex->Count = 0;
-  FastMutex->Owner = self;
+  __atomic_store_n(&FastMutex->Owner, static_cast<PVOID>(self), __ATOMIC_RELAXED);
   FastMutex->OldIrql = self->irql;
   self->irql = APC_LEVEL;
   return true;
@@ -173,15 +202,16 @@ BOOLEAN NTAPI ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex) {
 
 VOID NTAPI ExReleaseFastMutex(PFAST_MUTEX FastMutex) {
   _KTHREAD* self = CurrentThread();
-  {
-    std::lock_guard<std::mutex> lock(DispatcherLock());
-    if (FastMutex->Owner != self) {
-      K().verifier.Violation("ExReleaseFastMutex", "releasing a fast mutex the thread does not own");
-      return;
-    }
-    FastMutex->Owner = nullptr;
-    FastMutex->Count = 1;
-    self->irql = static_cast<KIRQL>(FastMutex->OldIrql);
+  if (__atomic_load_n(&FastMutex->Owner, __ATOMIC_RELAXED) != self) {
+    K().verifier.Violation("ExReleaseFastMutex", "releasing a fast mutex the thread does not own");
+    return;
   }
+  __atomic_store_n(&FastMutex->Owner, static_cast<PVOID>(nullptr), __ATOMIC_RELAXED);
+  self->irql = static_cast<KIRQL>(FastMutex->OldIrql);
+  // The store and the load are ordered against a waiter's count and look: either the waiter sees
+  // the mutex free, or this release sees the waiter and wakes it under the dispatcher lock.
+  __atomic_store_n(&FastMutex->Count, 1, __ATOMIC_SEQ_CST);
+  if (__atomic_load_n(&FastMutex->Waiters, __ATOMIC_SEQ_CST) == 0) return;
+  { std::lock_guard<std::mutex> lock(DispatcherLock()); }
   DispatcherWake().notify_all();
 }

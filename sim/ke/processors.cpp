@@ -85,7 +85,7 @@ ULONG NTAPI KeGetProcessorIndexFromNumber(PPROCESSOR_NUMBER ProcNumber) {
 
 ULONG NTAPI KeGetCurrentProcessorNumberEx(PPROCESSOR_NUMBER ProcNumber) {
   ULONG index = CurrentThread()->processor;
-  if (ProcNumber) KeGetProcessorNumberFromIndex(index, ProcNumber);
+  if (__builtin_expect(ProcNumber != nullptr, 0)) KeGetProcessorNumberFromIndex(index, ProcNumber);
   return index;
 }
 

@@ -11,16 +11,9 @@
 
 namespace ntsim {
 
-namespace {
+__thread ThreadBinding t_binding;
 
-struct Binding {
-  uint64_t generation = 0;
-  _KTHREAD* thread = nullptr;
-};
-// Initial-exec: the library is loaded with the program, never opened later, so its thread-local
-// data sits at a fixed offset from the thread pointer and every kernel routine that asks for the
-// current thread (KeGetCurrentIrql, critical regions, locks) reads it without a call.
-thread_local Binding t_binding __attribute__((tls_model("initial-exec")));
+namespace {
 
 // Host threads by number: unlike std::thread::id, a number is never given to a later host thread,
 // which must not inherit a dead host thread's simulated threads (and their IRQL or regions).
@@ -251,7 +244,7 @@ std::function<void()> ProcessManager::SnapshotHook() {
   return snapshotHook_;
 }
 
-_KTHREAD* CurrentThread() {
+_KTHREAD* BindCurrentThread() {
   Kernel& kernel = K();
   if (t_binding.thread && t_binding.generation == kernel.generation) return t_binding.thread;
   // A host thread that was never bound acts as a system thread of its own.
@@ -287,6 +280,6 @@ ThreadScope::~ThreadScope() {
   thread_->scopes.fetch_sub(1, std::memory_order_acq_rel);
 }
 
-void ResetCurrentThreadBinding() { t_binding = Binding(); }
+void ResetCurrentThreadBinding() { t_binding = ThreadBinding{}; }
 
 }  // namespace ntsim

@@ -76,6 +76,14 @@ struct _KTHREAD {
   int guardDepth = 0;
   NTSTATUS raisedStatus = 0;
 
+  // Executive resources the thread owns shared, with its recursion count on each (ex/sync.cpp).
+  // Touched only by the thread itself, so an acquire needs no lock to know whether it owns one.
+  struct SharedOwnership {
+    void* resource;
+    int count;
+  };
+  std::vector<SharedOwnership> sharedResources;
+
   bool systemThread = false;  // made by PsCreateSystemThread
   bool terminated = false;    // its thread object is signalled; guarded by the dispatcher lock
   // Host threads running as this thread now (ThreadScope): its exit waits until the one blocked
@@ -160,9 +168,22 @@ class ProcessManager {
 };
 
 // The simulated thread the calling host thread runs as, and the process whose address space it
-// runs in (its own, or the one it attached to).
-_KTHREAD* CurrentThread();
+// runs in (its own, or the one it attached to). CurrentThread is inline (kernel.h): nearly every
+// kernel routine asks for it, and on Windows it is one read relative to the processor block.
+inline _KTHREAD* CurrentThread();
 _KPROCESS* CurrentProcess();
+
+// The binding of the calling host thread to its simulated thread, valid for the kernel of that
+// generation. Initial-exec: the library is loaded with the program, never opened later, so its
+// thread-local data sits at a fixed offset from the thread pointer and is read without a call.
+// Plain __thread data, so that reading it needs no initialisation check: it starts zeroed.
+struct ThreadBinding {
+  uint64_t generation;
+  _KTHREAD* thread;
+};
+extern __thread ThreadBinding t_binding __attribute__((tls_model("initial-exec")));
+// The slow path: binds a host thread that has no binding for the booted kernel yet.
+_KTHREAD* BindCurrentThread();
 
 // Runs the calling host thread as the given simulated thread for the scope's lifetime.
 class ThreadScope {

@@ -52,6 +52,7 @@ typedef struct _ERESOURCE {
 // A fast mutex: not recursive, raises to APC_LEVEL while held.
 typedef struct _FAST_MUTEX {
   volatile LONG Count;
+  volatile LONG Waiters;  // threads that wait for it now; in what the kernel's record pads
   PVOID Owner;
   ULONG Contention;
   KEVENT Event;

@@ -174,7 +174,9 @@ TEST_F(CallbackPlusTest, AReplacementWaitsForASlowPathReferenceInProgress) {
       replaced = true;
     });
     auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (sk_SlotBlock(slot) != fresh && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    while (sk_SlotBlock(__atomic_load_n(&slot, __ATOMIC_SEQ_CST)) != fresh && std::chrono::steady_clock::now() < until) {
+      std::this_thread::yield();
+    }
     // Swapped: a replacement that does not wait would now run the old block down and free it.
     until = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
     while (!replaced && std::chrono::steady_clock::now() < until) std::this_thread::yield();

@@ -39,6 +39,29 @@ class DispatchTest : public ::testing::Test {
     return Client(world, process);
   }
 
+  // The consumer's request for the mapping, and a reader over what it names (none if it failed).
+  std::optional<sentrel_sdk::RingReader> MapBuffers(Client& consumer, HANDLE handle) {
+    std::vector<uint8_t> info(RING_BUF_MAP_INFO_SIZE(4));
+    IoResult mapped = consumer.Process().DeviceIoControl(handle, IOCTL_SK_MAP_RINGBUF, nullptr, 0, info.data(),
+                                                         static_cast<ULONG>(info.size()));
+    EXPECT_EQ(mapped.status, STATUS_SUCCESS);
+    EXPECT_EQ(mapped.information, info.size());
+    return sentrel_sdk::RingReader::FromMapInfo(info.data(), mapped.information);
+  }
+  // A producer and the consumer, each registered on a synchronous handle.
+  struct Pair {
+    Client producer, agent;
+    HANDLE in, control;
+  };
+  Pair RegisterProducerAndConsumer() {
+    Pair pair{Start(u"producer.exe"), Start(u"agent.exe"), nullptr, nullptr};
+    pair.in = pair.producer.Open(false);
+    EXPECT_EQ(pair.producer.Register(pair.in, IOCTL_APP_REGISTER_PRODUCER).result.status, STATUS_SUCCESS);
+    pair.control = pair.agent.Open(false);
+    EXPECT_EQ(pair.agent.Register(pair.control, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
+    return pair;
+  }
+
   World world;
   std::vector<UserProcess*> started;
 };
@@ -156,12 +179,7 @@ TEST_F(DispatchTest, ReadsGetWholePacketsOrTheLengthTheyNeed) {
 }
 
 TEST_F(DispatchTest, QueuesDropTheirOldestPacketsAtTheirLimits) {
-  Client producer = Start(u"producer.exe");
-  Client agent = Start(u"agent.exe");
-  HANDLE in = producer.Open(false);
-  ASSERT_EQ(producer.Register(in, IOCTL_APP_REGISTER_PRODUCER).result.status, STATUS_SUCCESS);
-  HANDLE control = agent.Open(false);
-  ASSERT_EQ(agent.Register(control, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
+  auto [producer, agent, in, control] = RegisterProducerAndConsumer();
 
   auto numbered = [](uint32_t dstType, uint32_t dstPid, uint32_t n) {
     std::vector<uint8_t> packet = Control(dstType, dstPid, 4);
@@ -227,11 +245,7 @@ TEST_F(DispatchTest, EveryEventPacketIsReadOrCountedAsLost) {
   Client producer = Start(u"producer.exe");
   HANDLE h = agent.Open(false);
   ASSERT_EQ(agent.Register(h, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
-  std::vector<uint8_t> info(RING_BUF_MAP_INFO_SIZE(4));
-  ASSERT_EQ(agent.Process().DeviceIoControl(h, IOCTL_SK_MAP_RINGBUF, nullptr, 0, info.data(),
-                                            static_cast<ULONG>(info.size())).status,
-            STATUS_SUCCESS);
-  std::optional<sentrel_sdk::RingReader> reader = sentrel_sdk::RingReader::FromMapInfo(info.data(), info.size());
+  std::optional<sentrel_sdk::RingReader> reader = MapBuffers(agent, h);
   ASSERT_TRUE(reader.has_value());
   HANDLE p = producer.Open(false);
 
@@ -271,12 +285,7 @@ TEST_F(DispatchTest, EveryEventPacketIsReadOrCountedAsLost) {
 // A control packet is no longer than the largest event packet, and a queue holds a bounded number
 // of bytes: a packet past the budget is refused and the queued ones are all still read.
 TEST_F(DispatchTest, ControlPacketsAndQueuesAreBoundedInBytes) {
-  Client producer = Start(u"producer.exe");
-  Client agent = Start(u"agent.exe");
-  HANDLE in = producer.Open(false);
-  ASSERT_EQ(producer.Register(in, IOCTL_APP_REGISTER_PRODUCER).result.status, STATUS_SUCCESS);
-  HANDLE control = agent.Open(false);
-  ASSERT_EQ(agent.Register(control, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
+  auto [producer, agent, in, control] = RegisterProducerAndConsumer();
   constexpr uint32_t kLargestBody = RB_MAX_PACKET_LENGTH - SK_PACKET_HEADER_SIZE;
 
   EXPECT_EQ(agent.Write(control, Control(SKT_PRODUCER, producer.Pid(), kLargestBody + 1)).status,
@@ -398,16 +407,11 @@ TEST_F(DispatchTest, EventsFromAProducerReachTheConsumersRingBuffers) {
   Client producer = Start(u"producer.exe");
   HANDLE h = agent.Open(false);
   ASSERT_EQ(agent.Register(h, IOCTL_APP_REGISTER_CONSUMER).result.status, STATUS_SUCCESS);
-  std::vector<uint8_t> info(RING_BUF_MAP_INFO_SIZE(4));
-  IoResult mapped = agent.Process().DeviceIoControl(h, IOCTL_SK_MAP_RINGBUF, nullptr, 0, info.data(),
-                                                    static_cast<ULONG>(info.size()));
-  ASSERT_EQ(mapped.status, STATUS_SUCCESS);
-  EXPECT_EQ(mapped.information, info.size());
-  std::optional<sentrel_sdk::RingReader> reader = sentrel_sdk::RingReader::FromMapInfo(info.data(), info.size());
+  std::optional<sentrel_sdk::RingReader> reader = MapBuffers(agent, h);
   ASSERT_TRUE(reader.has_value());
   // Another process cannot take the mapping away from the consumer.
   HANDLE other = producer.Open(false);
-  std::vector<uint8_t> stolen(info.size());
+  std::vector<uint8_t> stolen(RING_BUF_MAP_INFO_SIZE(4));
   IoResult refused = producer.Process().DeviceIoControl(other, IOCTL_SK_MAP_RINGBUF, nullptr, 0, stolen.data(),
                                                          static_cast<ULONG>(stolen.size()));
   EXPECT_EQ(refused.status, STATUS_ACCESS_DENIED);

@@ -9,6 +9,7 @@
 namespace ntsim {
 
 void PublishObjectTypes(ObjectManager& ob);
+void SetSharedUserDataVersion(int windowsMajor);
 
 std::atomic<Kernel*> g_kernel{nullptr};
 std::atomic<uint64_t> g_kernelGeneration{0};
@@ -22,7 +23,10 @@ Kernel::Kernel(const MachineConfig& machine) : config(machine), generation(++g_g
   SetKernel(this);  // boot steps below already call kernel routines
   modules.Boot(KernelExports(config), config.listKernelImage);
   PublishObjectTypes(ob);
+  se.Boot(ob);
   ps.Boot(ob);
+  ps.System()->token = se.CreateToken(kSystemLogonId, SECURITY_MANDATORY_SYSTEM_RID, 0);
+  SetSharedUserDataVersion(config.windowsMajor);
   io.Boot(ob);
   cm.Boot(ob);
   StartMountManager(io);

@@ -20,6 +20,7 @@
 #include "ps/notify.h"
 #include "ps/process.h"
 #include "ps/system_thread.h"
+#include "se/logon_sessions.h"
 #include "verifier.h"
 
 namespace ntsim {
@@ -55,6 +56,7 @@ struct Kernel {
   MemoryManager mm;
   ObjectManager ob;
   ProcessManager ps;
+  LogonSessions se;
   Notifications notify;
   IoManager io;
   Registry cm;

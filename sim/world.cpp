@@ -173,6 +173,26 @@ World::~World() {
 
 const char16_t* World::LoggedOnUserSid() { return u"S-1-5-21-3623811015-3361044348-30300820-1013"; }
 
+uint64_t World::LoggedOnUserLogonId() { return 0x3C2A1; }
+
+void World::LogOn(const LogonSpec& logon) {
+  LogonSession session;
+  session.logonId = logon.logonId;
+  session.domain = logon.domain;
+  session.user = logon.user;
+  session.sid = logon.sid;
+  session.session = logon.session;
+  if (!logon.logonId || !kernel_->se.LogOn(session)) {
+    Stop("LogOn: logon id " + std::to_string(logon.logonId) + " with SID '" + logon.sid + "' is not a logon session");
+  }
+  std::u16string sid(logon.sid.begin(), logon.sid.end());
+  if (!kernel_->cm.Find(u"\\REGISTRY\\USER\\" + sid)) LoadUserHive(sid);
+}
+
+void World::LogOff(uint64_t logonId) {
+  if (!kernel_->se.LogOff(logonId)) Stop("LogOff: no logon session " + std::to_string(logonId));
+}
+
 void World::LoadUserHive(const std::u16string& sid) {
   Registry& cm = kernel_->cm;
   std::u16string hive = u"\\REGISTRY\\USER\\" + sid;
@@ -208,6 +228,8 @@ void World::Boot() {
     }
     LoadUserHive(LoggedOnUserSid());
   }
+  std::u16string userSid = LoggedOnUserSid();
+  kernel_->se.LogOn({LoggedOnUserLogonId(), u"SENTREL-LAB", u"analyst", std::string(userSid.begin(), userSid.end()), 1});
   if (!files_) {
     files_ = std::make_shared<FileStore>();
     LayOutFactoryVolumes(*files_);
@@ -510,8 +532,14 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
   _KPROCESS* creatorProcess = k.ps.FindProcess(creatorPid);
   if (!creatorProcess) Stop("CreateProcess: the creating process " + std::to_string(creatorPid) + " is not running");
   _KTHREAD* creator = k.ps.ActingThread(creatorProcess);
+  // Its primary token: the creator's logon session and integrity level, unless the spec names others.
+  const TokenBody* creatorToken = LogonSessions::Token(creatorProcess->token);
+  uint64_t logonId = spec.logonId ? spec.logonId : creatorToken->logonId;
+  ULONG integrityRid = spec.integrityRid ? *spec.integrityRid : creatorToken->integrityRid;
+  if (!k.se.Find(logonId)) Stop("CreateProcess: logon session " + std::to_string(logonId) + " is not logged on");
   _KPROCESS* process = k.ps.CreateProcess(spec.pid, spec.imagePath, spec.parentPid, spec.commandLine);
   if (!process) Stop("CreateProcess: process id " + std::to_string(spec.pid) + " is in use");
+  process->token = k.se.CreateToken(logonId, integrityRid, spec.sessionId);
   process->wow64 = spec.wow64;
   process->sessionId = spec.sessionId;
   process->devicePath = DevicePath(spec.imagePath);

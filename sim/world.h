@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,20 @@ struct ProcessSpec {
   bool wow64 = false;
   ULONG sessionId = 1;
   bool mapExecutable = true;  // its executable and ntdll.dll are mapped (and their loads notified)
+  // Its primary token: the creator's logon session and integrity level unless these say otherwise
+  // (logon 0: the creator's; the session must be logged on).
+  uint64_t logonId = 0;
+  std::optional<ULONG> integrityRid;
+};
+
+// A user logs on: the logon session's id, the user's domain (may be empty), name and SID, and the
+// terminal-services session.
+struct LogonSpec {
+  uint64_t logonId = 0;
+  std::u16string domain;
+  std::u16string user;
+  std::string sid;
+  ULONG session = 1;
 };
 
 // The parts of a process's own memory that a test can make fault.
@@ -134,6 +149,14 @@ class World {
   static const char16_t* LoggedOnUserSid();
   // Another user logs on: their hive and classes hive are loaded under \REGISTRY\USER.
   void LoadUserHive(const std::u16string& sid);
+  // The logged-on user's session from boot: LoggedOnUserLogonId(), "SENTREL-LAB\analyst", the
+  // SID above, terminal-services session 1. SYSTEM (0x3E7), LOCAL SERVICE (0x3E5) and NETWORK
+  // SERVICE (0x3E4) exist from boot too.
+  static uint64_t LoggedOnUserLogonId();
+  // A logon session begins (its user's hive is loaded) or ends; a bad SID or an unknown session
+  // stops the test. Processes keep the tokens they have.
+  void LogOn(const LogonSpec& logon);
+  void LogOff(uint64_t logonId);
 
   // DriverEntry's status. A failed entry leaves no driver; LastVerdict() tells what it left behind.
   NTSTATUS LoadDriver();

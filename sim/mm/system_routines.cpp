@@ -110,6 +110,7 @@ const std::vector<KernelModules::Routine>& Exports() {
       EXPORT(PsAcquireProcessExitSynchronization),
       EXPORT(PsReleaseProcessExitSynchronization),
       EXPORT(SeLocateProcessImageName),
+      EXPORT(SeQueryAuthenticationIdToken),
       EXPORT(RtlImageNtHeader),
       EXPORT(RtlImageDirectoryEntryToData),
       EXPORT(RtlUnicodeStringToAnsiString),

@@ -6,7 +6,7 @@
 using namespace ntsim;
 
 namespace {
-POBJECT_TYPE g_fileType, g_deviceType, g_driverType, g_processType, g_threadType, g_keyType;
+POBJECT_TYPE g_fileType, g_deviceType, g_driverType, g_processType, g_threadType, g_keyType, g_tokenType;
 }
 
 POBJECT_TYPE *IoFileObjectType = &g_fileType;
@@ -15,6 +15,7 @@ POBJECT_TYPE *IoDriverObjectType = &g_driverType;
 POBJECT_TYPE *PsProcessType = &g_processType;
 POBJECT_TYPE *PsThreadType = &g_threadType;
 POBJECT_TYPE *CmKeyObjectType = &g_keyType;
+POBJECT_TYPE *SeTokenObjectType = &g_tokenType;
 
 namespace ntsim {
 
@@ -25,6 +26,7 @@ void PublishObjectTypes(ObjectManager& ob) {
   g_processType = &ob.types.process;
   g_threadType = &ob.types.thread;
   g_keyType = &ob.types.key;
+  g_tokenType = &ob.types.token;
 }
 
 void NoteDriverReference(void* body) { ObjectManager::HeaderOf(body)->driverReferences.fetch_add(1); }

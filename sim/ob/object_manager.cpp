@@ -92,6 +92,8 @@ ObjectManager::ObjectManager() {
   types.process.name = u"Process";
   types.thread.name = u"Thread";
   types.key.name = u"Key";
+  types.token.name = u"Token";
+  types.token.validAccessMask = 0x000F01FF;  // TOKEN_ALL_ACCESS
   DirectoryBody* root = CreateObjectOf<DirectoryBody>(&types.directory);
   root_ = HeaderOf(root);
   root_->permanent = true;

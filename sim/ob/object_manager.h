@@ -88,7 +88,7 @@ class HandleTable {
 };
 
 struct ObjectTypes {
-  _OBJECT_TYPE directory, symbolicLink, device, driver, file, process, thread, key;
+  _OBJECT_TYPE directory, symbolicLink, device, driver, file, process, thread, key, token;
 };
 
 class ObjectManager {

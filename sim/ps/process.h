@@ -39,6 +39,7 @@ struct _KPROCESS {
   ntsim::AddressSpace addressSpace;
   void* peb = nullptr;       // the 64-bit environment block, in the process's own memory
   void* wow64Peb = nullptr;  // the 32-bit one of a Wow64 process
+  void* token = nullptr;     // its primary token (a Token object), referenced for the machine's life
 
   // Guarded by the process manager's lock.
   bool exiting = false;                           // its exit has begun: no host thread may start acting in it

@@ -20,7 +20,7 @@ uint64_t HandleId(HANDLE handle) { return reinterpret_cast<uintptr_t>(handle); }
 NTSTATUS NTAPI PsLookupProcessByProcessId(HANDLE ProcessId, PEPROCESS* Process) {
   Kernel& k = K();
   _KPROCESS* process = k.ps.FindProcess(HandleId(ProcessId));
-  if (!process) return STATUS_INVALID_PARAMETER;
+  if (!process) return STATUS_INVALID_CID;  // as from Windows Vista on
   k.ob.Reference(process);
   NoteDriverReference(process);
   *Process = process;

@@ -55,6 +55,15 @@ typedef struct _KAPC_STATE {
   UCHAR Reserved[8];
 } KAPC_STATE, *PKAPC_STATE, *PRKAPC_STATE;
 
+// The page the kernel shares with every process; only the fields drivers read are simulated, at
+// their offsets in the kernel's layout.
+typedef struct _KUSER_SHARED_DATA {
+  UCHAR Reserved[0x26C];
+  ULONG NtMajorVersion;  // 6 on Windows 7 and 8, 10 on Windows 10 and 11
+  ULONG NtMinorVersion;
+} KUSER_SHARED_DATA, *PKUSER_SHARED_DATA;
+static_assert(offsetof(KUSER_SHARED_DATA, NtMajorVersion) == 0x26C, "the kernel's layout");
+
 NTSIM_BEGIN_DECLS
 
 KIRQL NTAPI KeGetCurrentIrql(void);
@@ -95,5 +104,9 @@ VOID NTAPI KeRevertToUserGroupAffinityThread(PGROUP_AFFINITY PreviousAffinity);
 
 VOID NTAPI KeStackAttachProcess(PRKPROCESS Process, PRKAPC_STATE ApcState);
 VOID NTAPI KeUnstackDetachProcess(PRKAPC_STATE ApcState);
+
+// The booted machine's shared page (SharedUserData on Windows is its fixed kernel address).
+extern KUSER_SHARED_DATA NtSimSharedUserData;
+#define SharedUserData (&NtSimSharedUserData)
 
 NTSIM_END_DECLS

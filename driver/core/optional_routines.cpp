@@ -61,6 +61,26 @@ static PVOID sk_FallbackGetProcessWow64Process(PEPROCESS Process) {
   return NULL;
 }
 
+// The session's id from the token's statistics, which every kernel answers.
+static NTSTATUS sk_FallbackQueryAuthenticationIdToken(PACCESS_TOKEN Token, PLUID AuthenticationId) {
+  PTOKEN_STATISTICS statistics = NULL;
+  NTSTATUS status = SeQueryInformationToken(Token, TokenStatistics, (PVOID *)&statistics);
+  if (!NT_SUCCESS(status)) return status;
+  *AuthenticationId = statistics->AuthenticationId;
+  ExFreePool(statistics);
+  return STATUS_SUCCESS;
+}
+
+// The terminal-services session of the process's primary token (0 when there is none).
+static ULONG sk_FallbackGetProcessSessionId(PEPROCESS Process) {
+  PACCESS_TOKEN token = PsReferencePrimaryToken(Process);
+  PVOID sessionId = NULL;  // the DWORD itself comes back in place of the pointer
+  if (!token) return 0;
+  if (!NT_SUCCESS(SeQueryInformationToken(token, TokenSessionId, &sessionId))) sessionId = NULL;
+  ObDereferenceObject(token);
+  return (ULONG)(ULONG_PTR)sessionId;
+}
+
 // From the kernel image's export table once the image is known; otherwise the kernel's own lookup.
 static PVOID sk_LookupRoutine(PSENTREL_DATA Data, PCWSTR Name) {
   UNICODE_STRING name;
@@ -117,4 +137,10 @@ void sk_ResolveOptionalRoutines(PSENTREL_DATA Data) {
   routine = sk_LookupRoutine(Data, L"PsGetProcessWow64Process");
   Data->PsGetProcessWow64Process =
       routine ? (PSK_PS_GET_PROCESS_WOW64_PROCESS)routine : sk_FallbackGetProcessWow64Process;
+  // Neither has a reference page that names a Windows version.
+  routine = sk_LookupRoutine(Data, L"SeQueryAuthenticationIdToken");
+  Data->SeQueryAuthenticationIdToken =
+      routine ? (PSK_SE_QUERY_AUTHENTICATION_ID_TOKEN)routine : sk_FallbackQueryAuthenticationIdToken;
+  routine = sk_LookupRoutine(Data, L"PsGetProcessSessionId");
+  Data->PsGetProcessSessionId = routine ? (PSK_PS_GET_PROCESS_SESSION_ID)routine : sk_FallbackGetProcessSessionId;
 }

@@ -25,3 +25,5 @@
 #define SK_TAG_PATH_RULE_NODE 'preT'    // "Terp": rule tries' nodes with their component text
 #define SK_TAG_RULE_INDEX 'ireT'        // "Teri": rule tries' child indexes
 #define SK_TAG_USER_HIVE_INFO 'blRl'    // "lRlb": the key-information buffer of the user-hive walk
+#define SK_TAG_LOGON_NODE 'lnTg'      // "gTnl": logon table nodes
+#define SK_TAG_LOGON_THREAD 'tlTg'    // "gTlt": the logon table's records of its add threads

@@ -18,7 +18,7 @@ SENTREL_DATA SentrelData;
 // The managers, in start-up order; they stop in the reverse order, except that a manager marked
 // StopsAfterPrevious stops right after the one started before it (the white rule set after the
 // black one). Each later manager takes its place here as it lands (the stack hook before the path
-// cache; the logon table before the DOS names; then images, processes and the package cache before
+// cache; then images, processes and the package cache before
 // the message queues; the producer interface last).
 typedef struct _SK_MANAGER {
   const char *StartName;
@@ -32,6 +32,8 @@ static NTSTATUS sk_StartPathMgr(void) { return sk_InitPathMgr(&SentrelData.PathM
 static NTSTATUS sk_StopPathMgr(void) { return sk_UninitPathMgr(&SentrelData.PathMgr); }
 static NTSTATUS sk_StopBlackRuleMgr(void) { return sk_UninitBlackRuleMgr(&SentrelData.BlackRuleMgr); }
 static NTSTATUS sk_StopWhiteRuleMgr(void) { return sk_UninitWhiteRuleMgr(&SentrelData.WhiteRuleMgr); }
+static NTSTATUS sk_StartLogonMgr(void) { return sk_InitLogonMgr(&SentrelData.LogonMgr, SentrelData.SystemRootNtPath); }
+static NTSTATUS sk_StopLogonMgr(void) { return sk_UninitLogonMgr(&SentrelData.LogonMgr); }
 static NTSTATUS sk_StartDosNameMgr(void) { return sk_InitDosNameMgr(&SentrelData.DosNameMgr); }
 static NTSTATUS sk_StopDosNameMgr(void) { return sk_UninitDosNameMgr(&SentrelData.DosNameMgr); }
 
@@ -49,7 +51,7 @@ static const SK_MANAGER SkManagers[] = {
     {"sk_InitPathMgr", sk_StartPathMgr, "sk_UninitPathMgr", sk_StopPathMgr, FALSE},
     {"sk_InitBlackRuleMgr", sk_InitBlackRuleMgr, "sk_UninitBlackRuleMgr", sk_StopBlackRuleMgr, FALSE},
     {"sk_InitWhiteRuleMgr", sk_InitWhiteRuleMgr, "sk_UninitWhiteRuleMgr", sk_StopWhiteRuleMgr, TRUE},
-    // The logon table comes here, before the DOS names.
+    {"sk_InitLogonMgr", sk_StartLogonMgr, "sk_UninitLogonMgr", sk_StopLogonMgr, FALSE},
     {"sk_InitDosNameMgr", sk_StartDosNameMgr, "sk_UninitDosNameMgr", sk_StopDosNameMgr, FALSE},
     // Images, processes and the package cache come here, before the message queues.
     {"sk_InitProcMsgMgr", sk_StartProcMsgMgr, "sk_UninitProcMsgMgr", sk_StopProcMsgMgr, FALSE},

@@ -8,6 +8,7 @@
 #include "channel/registration_record.h"
 #include "core/optional_routines.h"
 #include "names/dos_name.h"
+#include "names/logon_mgr.h"
 #include "names/path_cache.h"
 #include "rules/rule_mgr.h"
 
@@ -43,7 +44,8 @@ typedef struct _SENTREL_DATA {
   // The process and image tables join here as they land.
   SK_PROC_MSG_MGR ProcMsgMgr;
   SK_DOS_NAME_MGR DosNameMgr;
-  // The stack hook and the logon table join here, in this order, as each lands.
+  // The stack hook joins here.
+  SK_LOGON_MGR LogonMgr;
   RuleMgr WhiteRuleMgr;
   RuleMgr BlackRuleMgr;
   // The package cache joins here.
@@ -56,6 +58,8 @@ typedef struct _SENTREL_DATA {
   PSK_ZW_QUERY_INFORMATION_THREAD ZwQueryInformationThread;
   PSK_PS_GET_PROCESS_PEB PsGetProcessPeb;
   PSK_PS_GET_PROCESS_WOW64_PROCESS PsGetProcessWow64Process;
+  PSK_SE_QUERY_AUTHENTICATION_ID_TOKEN SeQueryAuthenticationIdToken;
+  PSK_PS_GET_PROCESS_SESSION_ID PsGetProcessSessionId;
 } SENTREL_DATA, *PSENTREL_DATA;
 
 static_assert(sizeof(SENTREL_DATA) <= 0xFFFF, "the record's size fits its 16-bit Size");

@@ -75,13 +75,18 @@ bool AssignLetterLocked(ObjectManager& ob, FileStore& store, const std::u16strin
 void LayOutFactoryVolumes(FileStore& store) {
   Volume& system = store.AddVolume(u"\\Device\\HarddiskVolume3");
   system.letter = u'C';
-  for (const char16_t* dir : {u"\\Windows", u"\\Windows\\System32", u"\\Windows\\System32\\drivers"}) {
+  for (const char16_t* dir : {u"\\Windows", u"\\Windows\\System32", u"\\Windows\\System32\\drivers",
+                              u"\\Windows\\System32\\InputMethod", u"\\Windows\\System32\\InputMethod\\CHS"}) {
     AddDirectory(system, dir);
   }
   AddFile(system, u"\\Windows\\System32\\cmd.exe", ImageBytes("cmd"));
   AddFile(system, u"\\Windows\\System32\\ntdll.dll", ImageBytes("ntdll"));
   AddFile(system, u"\\Windows\\System32\\kernel32.dll", ImageBytes("kernel32"));
   AddFile(system, u"\\Windows\\System32\\notepad.exe", ImageBytes("notepad"));
+  // What a user's logon starts: the shell, the window manager and an input method.
+  AddFile(system, u"\\Windows\\Explorer.EXE", ImageBytes("explorer"));
+  AddFile(system, u"\\Windows\\System32\\dwm.exe", ImageBytes("dwm"));
+  AddFile(system, u"\\Windows\\System32\\InputMethod\\CHS\\ChsIME.exe", ImageBytes("ChsIME"));
 
   Volume& data = store.AddVolume(u"\\Device\\HarddiskVolume5");
   data.letter = u'D';

@@ -106,6 +106,19 @@ typedef struct _RTL_PROCESS_MODULES {
 NTSYSAPI NTSTATUS NTAPI NtQuerySystemInformation(SYSTEM_INFORMATION_CLASS SystemInformationClass,
                                                  PVOID SystemInformation, ULONG SystemInformationLength,
                                                  PULONG ReturnLength);
+
+// The kernel security support library (ksecdd.sys): the user of a logon session.
+typedef struct _SECURITY_USER_DATA {
+  UNICODE_STRING UserName;
+  UNICODE_STRING LogonDomainName;
+  UNICODE_STRING LogonServer;
+  PSID pSid;
+} SECURITY_USER_DATA, *PSECURITY_USER_DATA;
+#ifndef UNDERSTANDS_LONG_NAMES
+#define UNDERSTANDS_LONG_NAMES 1
+#endif
+NTSTATUS NTAPI GetSecurityUserInfo(PLUID LogonId, ULONG Flags, PSECURITY_USER_DATA *UserInformation);
+NTSTATUS NTAPI LsaFreeReturnBuffer(PVOID Buffer);
 #ifdef __cplusplus
 }
 #endif

@@ -626,6 +626,7 @@ void World::EndThread(_KTHREAD* thread) {
   if (end.last) {
     k.ps.WaitForExitSynchronization(process);
     k.notify.ProcessExited(process, IdHandle(process->id), IdHandle(process->parentId));
+    k.ps.RemoveExitedProcess(process);
     k.ob.CloseAll(process->handles);
     if (PFILE_OBJECT image = k.ps.TakeImageFile(process)) k.ob.Dereference(image);
     k.userMemory.ReleaseProcess(process);

@@ -171,10 +171,16 @@ ProcessManager::ThreadEnd ProcessManager::EndThread(_KTHREAD* thread) {
   if (process->threads.empty() && !process->isSystem) {  // the System process never exits
     end.last = true;
     process->exiting = true;
-    liveProcesses_.erase(process->id);
     Forget(creationOrder_, process);
+    // Its id still finds it until its exit has been notified (RemoveExitedProcess).
   }
   return end;
+}
+
+void ProcessManager::RemoveExitedProcess(_KPROCESS* process) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = liveProcesses_.find(process->id);
+  if (it != liveProcesses_.end() && it->second == process) liveProcesses_.erase(it);
 }
 
 bool ProcessManager::BeginExit(_KPROCESS* process, std::vector<_KTHREAD*>* threads) {

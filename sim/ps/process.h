@@ -123,6 +123,10 @@ class ProcessManager {
   };
   // Ends a live thread; no host thread acts as it any more.
   ThreadEnd EndThread(_KTHREAD* thread);
+  // A process whose last thread ended leaves the id table once its exit has been notified: as on
+  // Windows, where the id goes with the process object, a lookup by id still finds it in the exit
+  // notification.
+  void RemoveExitedProcess(_KPROCESS* process);
   // Begins a process's exit: its live threads, in creation order; false if its exit had begun.
   bool BeginExit(_KPROCESS* process, std::vector<_KTHREAD*>* threads);
 

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -55,6 +56,9 @@ class LogonSessions {
 
   // How often GetSecurityUserInfo was asked, for tests.
   std::atomic<uint64_t> userInfoQueries{0};
+  // Runs at the start of every GetSecurityUserInfo, on the calling thread, when set: a test holds a
+  // caller there. Set only while no thread calls the routine.
+  std::function<void()> userInfoHook;
 
  private:
   ObjectManager* ob_ = nullptr;

@@ -208,6 +208,7 @@ NTSTATUS NTAPI GetSecurityUserInfo(PLUID LogonId, ULONG Flags, PSECURITY_USER_DA
   CheckPassive("GetSecurityUserInfo");
   Kernel& k = K();
   k.se.userInfoQueries.fetch_add(1);
+  if (k.se.userInfoHook) k.se.userInfoHook();
   uint64_t id = 0;
   if (LogonId) {
     id = (static_cast<uint64_t>(static_cast<ULONG>(LogonId->HighPart)) << 32) | LogonId->LowPart;

@@ -63,4 +63,13 @@ inline bool HasMessage(ntsim::World& world, const std::string& text) {
   return false;
 }
 
+// A line that begins with the text (after its indentation).
+inline bool HasMessageStarting(ntsim::World& world, const std::string& text) {
+  for (const std::string& m : Messages(world)) {
+    size_t first = m.find_first_not_of(' ');
+    if (first != std::string::npos && m.compare(first, text.size(), text) == 0) return true;
+  }
+  return false;
+}
+
 }  // namespace sentrel_test

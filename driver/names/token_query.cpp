@@ -258,7 +258,7 @@ NTSTATUS skt_GetUserName(PEPROCESS Process, PUNICODE_STRING *UserName) {
   // (the routine that hands it out directly has no documented first Windows version).
   if (PsGetProcessId(IoGetCurrentProcess()) != PsGetCurrentProcessId()) {
     if (NT_SUCCESS(PsLookupProcessByProcessId(PsGetCurrentProcessId(), &ownProcess))) {
-      KeStackAttachProcess(ownProcess, &apcState);
+      KeStackAttachProcess((PKPROCESS)ownProcess, &apcState);
     } else {
       ownProcess = NULL;
     }

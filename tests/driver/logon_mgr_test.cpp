@@ -28,9 +28,10 @@ constexpr uint64_t kRemoteLogon = 0x62000;  // a second desktop user
 
 class LogonMgrTest : public ::testing::Test {
  protected:
-  void Boot(int windowsMajor = 10) {
+  void Boot(int windowsMajor = 10, std::vector<std::string> missingRoutines = {}) {
     World::Options options;
     options.machine.windowsMajor = windowsMajor;
+    options.machine.missingRoutines = missingRoutines;
     world.reset();
     world = std::make_unique<World>(options);
     world->LogOn({kKioskLogon, u"", u"kiosk", "S-1-5-21-1-2-3-1105", 2});
@@ -153,6 +154,20 @@ TEST_F(LogonMgrTest, TokenQueriesAnswerEveryIntegrityLevelAndLeaveOthersAlone) {
     EXPECT_EQ(skt_GetUserName(odd.Process(), nullptr), STATUS_INVALID_PARAMETER);
   });
   EXPECT_TRUE(HasMessage(*world, "Invalid Parameter"));
+}
+
+TEST_F(LogonMgrTest, AKernelWithoutTheRoutinesLookedUpAtLoadStillTellsSessions) {
+  Boot(6, {"SeQueryAuthenticationIdToken", "PsGetProcessSessionId"});
+  ntsim::ProcessSpec spec;
+  spec.imagePath = u"\\??\\C:\\Windows\\System32\\cmd.exe";
+  spec.logonId = kKioskLogon;
+  spec.sessionId = 2;
+  world->CreateProcess(spec);
+  ASSERT_EQ(Start(), STATUS_SUCCESS);
+  Known kiosk = Lookup(kKioskLogon);
+  EXPECT_TRUE(kiosk.found) << "the logon id from the token's statistics";
+  EXPECT_EQ(kiosk.user, u"kiosk");
+  EXPECT_EQ(kiosk.session, 2u) << "the session from the token";
 }
 
 TEST_F(LogonMgrTest, AUserNameIsAskedFromTheThreadsOwnProcessWhenItIsAttachedElsewhere) {

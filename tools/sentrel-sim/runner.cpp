@@ -258,6 +258,13 @@ class Runner {
     } else if (name == "driver") {
       uint64_t base = world_->LoadKernelImage(NtPath(Text(f, "path")));
       Reply(op, {{"path", f["path"]}, {"base", HexNumber(base)}});
+    } else if (name == "logon") {
+      LogOn(op);
+    } else if (name == "logoff") {
+      uint64_t logon = Number(f, "logon");
+      if (!world_->kernel().se.Find(logon)) return Refuse(op, "logon session " + HexNumber(logon) + " is not logged on");
+      world_->LogOff(logon);
+      Reply(op, {{"logon", HexNumber(logon)}});
     } else if (name == "exit") {
       uint64_t pid = Number(f, "pid");
       UserProcess* process = FindProcess(pid);
@@ -365,6 +372,29 @@ class Runner {
       return Refuse(op, "creator " + std::to_string(creator) + " is not running");
     }
     ntsim::ProcessSpec spec;
+    // Who runs it: the creator's token, unless `logon` names a session (logged on here when the op
+    // gives its user and SID) or `integrity` a level.
+    if (Has(f, "user") || Has(f, "sid")) {
+      if (!Has(f, "logon")) return Refuse(op, "user and sid belong to a logon session: give its logon id");
+      if (!world_->kernel().se.Find(Number(f, "logon"))) {
+        if (!Has(f, "user") || !Has(f, "sid")) return Refuse(op, "a new logon session needs both user and sid");
+        std::string why = LogOnSession(Number(f, "logon"), Text(f, "user"), Text(f, "sid"), Number(f, "session", 1));
+        if (!why.empty()) return Refuse(op, why);
+      }
+    }
+    if (Has(f, "logon")) {
+      std::optional<ntsim::LogonSession> session = world_->kernel().se.Find(Number(f, "logon"));
+      if (!session) return Refuse(op, "logon session " + HexNumber(Number(f, "logon")) + " is not logged on");
+      if (Has(f, "sid") && session->sid != Text(f, "sid")) {
+        return Refuse(op, "logon session " + HexNumber(session->logonId) + " belongs to " + session->sid);
+      }
+      spec.logonId = session->logonId;
+    }
+    if (Has(f, "integrity")) {
+      std::optional<ULONG> rid = IntegrityRid(Text(f, "integrity"));
+      if (!rid) return Refuse(op, "integrity is untrusted, low, medium, medium_plus, high, system, protected or a 0x RID");
+      spec.integrityRid = *rid;
+    }
     spec.pid = pid;
     spec.parentPid = ppid;
     spec.creatorPid = creator;
@@ -376,8 +406,46 @@ class Runner {
     UserProcess& process = world_->CreateProcess(spec);
     processes_[pid] = &process;
     Json reply = {{"pid", pid}, {"tid", process.InitialThreadId()}, {"status", Status(process.CreationStatus())}};
-    NotSimulated(f, {"user", "sid", "logon", "integrity"}, &reply);
     Reply(op, reply);
+  }
+
+  // "untrusted" ... "protected", or the label's RID as "0x2100".
+  static std::optional<ULONG> IntegrityRid(const std::string& text) {
+    static const std::map<std::string, ULONG> names = {
+        {"untrusted", 0x0000}, {"low", 0x1000},    {"medium", 0x2000},   {"medium_plus", 0x2100},
+        {"high", 0x3000},      {"system", 0x4000}, {"protected", 0x5000}};
+    auto it = names.find(text);
+    if (it != names.end()) return it->second;
+    if (text.size() > 2 && text.size() <= 10 && text.compare(0, 2, "0x") == 0 &&
+        text.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos) {
+      return static_cast<ULONG>(std::stoul(text.substr(2), nullptr, 16));
+    }
+    return std::nullopt;
+  }
+
+  // A user logs on: "DOMAIN\name" or a bare name. Returns why not, or "".
+  std::string LogOnSession(uint64_t logon, const std::string& user, const std::string& sid, uint64_t session) {
+    std::vector<uint8_t> binary;
+    if (!logon) return "logon id 0 is no logon session";
+    if (!ntsim::SidFromText(sid, &binary)) return "sid " + sid + " is no SID";
+    if (user.empty()) return "user is empty";
+    ntsim::LogonSpec spec;
+    spec.logonId = logon;
+    size_t slash = user.find('\\');
+    spec.domain = slash == std::string::npos ? std::u16string() : Utf16(user.substr(0, slash));
+    spec.user = Utf16(slash == std::string::npos ? user : user.substr(slash + 1));
+    spec.sid = sid;
+    spec.session = static_cast<ULONG>(session);
+    world_->LogOn(spec);
+    return std::string();
+  }
+
+  void LogOn(const Op& op) {
+    const Json& f = op.fields;
+    uint64_t logon = Number(f, "logon");
+    std::string why = LogOnSession(logon, Text(f, "user"), Text(f, "sid"), Number(f, "session", 1));
+    if (!why.empty()) return Refuse(op, why);
+    Reply(op, {{"logon", HexNumber(logon)}, {"user", f["user"]}, {"sid", f["sid"]}});
   }
 
   void Thread(const Op& op) {

@@ -118,6 +118,7 @@ NTSTATUS sk_LookupLogonInfo_LogonId(PSK_LOGON_MGR LogonMgr, ULONG64 LogonId, PLO
   NTSTATUS status = STATUS_SUCCESS;
   PLOGON_INFO_NODE node = NULL;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!sk_LogonMgrInited(LogonMgr)) {
     SK_ERROR("Logon Mgr no Inited\n");
@@ -159,6 +160,7 @@ NTSTATUS sk_ReleaseLogonInfo_Node(PSK_LOGON_MGR LogonMgr, PLOGON_INFO_NODE Node)
   BOOLEAN removed = FALSE;
   LONG count;
 
+  PAGED_CODE();
   SK_ENTER();
   if (!sk_LogonMgrInited(LogonMgr)) {
     SK_ERROR("Logon Mgr no Inited\n");
@@ -241,6 +243,7 @@ Exit:
 }
 
 VOID sk_DelAllLogonInfo(PSK_LOGON_MGR LogonMgr) {
+  PAGED_CODE();
   SK_ENTER();
   sk_LockExclusive(&LogonMgr->Lock);
   while (!IsListEmpty(&LogonMgr->NodeList)) {

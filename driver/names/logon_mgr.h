@@ -55,17 +55,18 @@ NTSTATUS sk_UninitLogonMgr(_Inout_ PSK_LOGON_MGR LogonMgr);
 // Makes sure the process's logon session has a node (asks the security subsystem for its user).
 _IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS sk_AddLogonInfo(_Inout_ PSK_LOGON_MGR LogonMgr, _In_ PEPROCESS Process);
-// The newest node of the logon id, referenced; STATUS_NOT_FOUND when there is none.
-_IRQL_requires_max_(APC_LEVEL)
+// The newest node of the logon id, referenced; STATUS_NOT_FOUND when there is none. PASSIVE_LEVEL:
+// its log line prints the node's names.
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS sk_LookupLogonInfo_LogonId(_Inout_ PSK_LOGON_MGR LogonMgr, _In_ ULONG64 LogonId,
                                     _Out_ PLOGON_INFO_NODE *Node);
 // Gives back a lookup's reference; the last reference of a node (count 1) removes it.
-_IRQL_requires_max_(APC_LEVEL)
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS sk_ReleaseLogonInfo_Node(_Inout_ PSK_LOGON_MGR LogonMgr, _In_ PLOGON_INFO_NODE Node);
 // Removes the node of the process's logon session unless it is held or is a service session's.
 _IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS sk_DelLogonInfo(_Inout_ PSK_LOGON_MGR LogonMgr, _In_ PEPROCESS Process);
-_IRQL_requires_max_(APC_LEVEL)
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID sk_DelAllLogonInfo(_Inout_ PSK_LOGON_MGR LogonMgr);
 
 // The process notification subscriber: trigger processes add and remove their session's node.

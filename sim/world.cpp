@@ -566,8 +566,8 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
                         PlaceImage(process, u"\\SystemRoot\\System32\\ntdll.dll", 0, 0, 0x7FFE00000000));
   }
 
-  _KTHREAD* initial = k.ps.CreateThread(process, true);
-  if (!images.empty()) initial->win32StartAddress = images.front().second + 0x1000;  // the entry point
+  // Its first thread starts at the executable's entry point.
+  _KTHREAD* initial = k.ps.CreateThread(process, true, images.empty() ? 0 : images.front().second + 0x1000);
   UserProcess* user;
   {
     std::lock_guard<std::mutex> lock(processesMutex_);
@@ -649,8 +649,7 @@ uint64_t World::StartThread(UserProcess& process, UserProcess* creator, uint64_t
   Kernel& k = *kernel_;
   _KPROCESS* creatorProcess = creator ? creator->Process() : process.Process();
   _KTHREAD* creating = k.ps.ActingThread(creatorProcess);
-  _KTHREAD* thread = k.ps.CreateThread(process.Process(), true);
-  thread->win32StartAddress = startAddress;
+  _KTHREAD* thread = k.ps.CreateThread(process.Process(), true, startAddress);
   ThreadScope scope(creating, UserMode);
   k.notify.ThreadCreated(IdHandle(process.Id()), IdHandle(thread->id));
   return thread->id;

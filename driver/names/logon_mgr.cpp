@@ -57,6 +57,18 @@ static VOID sk_FreeLogonNode(PSK_LOGON_MGR LogonMgr, PLOGON_INFO_NODE Node) {
   ExFreeToPagedLookasideList(&LogonMgr->NodeLookaside, Node);
 }
 
+// The checks an add and a delete start with: the table running, and the process's logon id.
+static NTSTATUS sk_ProcessLogonId(PSK_LOGON_MGR LogonMgr, PEPROCESS Process, PULONG64 LogonId) {
+  NTSTATUS status;
+  if (!sk_LogonMgrInited(LogonMgr)) {
+    SK_ERROR("Logon Mgr no Inited\n");
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  status = skt_GetLogonId(Process, LogonId);
+  if (!NT_SUCCESS(status)) SK_FAIL("skt_GetLogonId", status);
+  return status;
+}
+
 NTSTATUS sk_AddLogonInfo(PSK_LOGON_MGR LogonMgr, PEPROCESS Process) {
   NTSTATUS status = STATUS_SUCCESS;
   ULONG64 logonId = 0;
@@ -65,16 +77,8 @@ NTSTATUS sk_AddLogonInfo(PSK_LOGON_MGR LogonMgr, PEPROCESS Process) {
 
   PAGED_CODE();
   SK_ENTER();
-  if (!sk_LogonMgrInited(LogonMgr)) {
-    SK_ERROR("Logon Mgr no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
-  status = skt_GetLogonId(Process, &logonId);
-  if (!NT_SUCCESS(status)) {
-    SK_FAIL("skt_GetLogonId", status);
-    goto Exit;
-  }
+  status = sk_ProcessLogonId(LogonMgr, Process, &logonId);
+  if (!NT_SUCCESS(status)) goto Exit;
   sk_LockShared(&LogonMgr->Lock);
   known = sk_FindLogonNode(LogonMgr, logonId) != NULL;
   sk_Unlock(&LogonMgr->Lock);
@@ -183,7 +187,7 @@ NTSTATUS sk_ReleaseLogonInfo_Node(PSK_LOGON_MGR LogonMgr, PLOGON_INFO_NODE Node)
     goto Exit;
   }
   // A held reference goes with the lock shared; the count never drops below the list's own 1 here.
-  for (count = Node->RefCount; count >= 2; count = Node->RefCount) {
+  for (count = SK_READ_ONCE(Node->RefCount); count >= 2; count = SK_READ_ONCE(Node->RefCount)) {
     if (InterlockedCompareExchange(&Node->RefCount, count - 1, count) == count) break;
   }
   sk_Unlock(&LogonMgr->Lock);
@@ -212,16 +216,8 @@ NTSTATUS sk_DelLogonInfo(PSK_LOGON_MGR LogonMgr, PEPROCESS Process) {
 
   PAGED_CODE();
   SK_ENTER();
-  if (!sk_LogonMgrInited(LogonMgr)) {
-    SK_ERROR("Logon Mgr no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
-  status = skt_GetLogonId(Process, &logonId);
-  if (!NT_SUCCESS(status)) {
-    SK_FAIL("skt_GetLogonId", status);
-    goto Exit;
-  }
+  status = sk_ProcessLogonId(LogonMgr, Process, &logonId);
+  if (!NT_SUCCESS(status)) goto Exit;
   // The service sessions' nodes stay until the table stops.
   if (skt_IsServiceLogonId(logonId)) {
     SK_INFO("Windows Default LogonId:0x%I64x\n", logonId);

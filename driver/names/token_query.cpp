@@ -93,10 +93,21 @@ Exit:
   return status;
 }
 
+// The token's authentication id as one 64-bit number.
+static NTSTATUS sk_TokenLogonId(PACCESS_TOKEN Token, PULONG64 LogonId) {
+  LUID luid;
+  NTSTATUS status = SentrelData.SeQueryAuthenticationIdToken(Token, &luid);
+  if (!NT_SUCCESS(status)) {
+    SK_FAIL("SeQueryAuthenticationIdToken", status);
+    return status;
+  }
+  *LogonId = ((ULONG64)(ULONG)luid.HighPart << 32) | luid.LowPart;
+  return STATUS_SUCCESS;
+}
+
 NTSTATUS skt_GetLogonId(PEPROCESS Process, PULONG64 LogonId) {
   NTSTATUS status = STATUS_SUCCESS;
   PACCESS_TOKEN token;
-  LUID luid;
 
   PAGED_CODE();
   SK_ENTER();
@@ -111,14 +122,9 @@ NTSTATUS skt_GetLogonId(PEPROCESS Process, PULONG64 LogonId) {
     status = STATUS_INSUFFICIENT_RESOURCES;
     goto Exit;
   }
-  status = SentrelData.SeQueryAuthenticationIdToken(token, &luid);
+  status = sk_TokenLogonId(token, LogonId);
   ObDereferenceObject(token);
-  if (!NT_SUCCESS(status)) {
-    SK_FAIL("SeQueryAuthenticationIdToken", status);
-    goto Exit;
-  }
-  *LogonId = ((ULONG64)(ULONG)luid.HighPart << 32) | luid.LowPart;
-  SK_INFO("Process 0x%p LogonId:0x%0x\n", Process, luid.LowPart);
+  if (NT_SUCCESS(status)) SK_INFO("Process 0x%p LogonId:0x%0x\n", Process, (ULONG)*LogonId);
 Exit:
   SK_LEAVE(status);
   return status;
@@ -164,7 +170,7 @@ NTSTATUS skt_GetUserSid_Process(PEPROCESS Process, PUNICODE_STRING *UserSid) {
   PACCESS_TOKEN token = NULL;
   PUNICODE_STRING sid = NULL;
   const SK_SERVICE_LOGON *service;
-  LUID luid;
+  ULONG64 logonId = 0;
 
   PAGED_CODE();
   SK_ENTER();
@@ -179,12 +185,9 @@ NTSTATUS skt_GetUserSid_Process(PEPROCESS Process, PUNICODE_STRING *UserSid) {
     status = STATUS_INVALID_PARAMETER;
     goto Exit;
   }
-  status = SentrelData.SeQueryAuthenticationIdToken(token, &luid);
-  if (!NT_SUCCESS(status)) {
-    SK_FAIL("SeQueryAuthenticationIdToken", status);
-    goto Exit;
-  }
-  service = sk_FindServiceLogon(((ULONG64)(ULONG)luid.HighPart << 32) | luid.LowPart);
+  status = sk_TokenLogonId(token, &logonId);
+  if (!NT_SUCCESS(status)) goto Exit;
+  service = sk_FindServiceLogon(logonId);
   if (service) {
     sid = sk_CopyToBlock(&service->UserSid, service->UserSid.Length);
     if (!sid) {

@@ -88,11 +88,12 @@ _KPROCESS* ProcessManager::CreateProcess(uint64_t id, const std::u16string& imag
   return process;
 }
 
-_KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced) {
+_KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced, uint64_t win32StartAddress) {
   _KTHREAD* thread = ob_->CreateObjectOf<_KTHREAD>(&ob_->types.thread);
   thread->id = NewId();
   thread->process = process;
   thread->announced = announced;
+  thread->win32StartAddress = win32StartAddress;  // set before the thread can be seen
   thread->createTime = SystemTimeNow();
   int processors = static_cast<int>(ProcessorCount());
   std::lock_guard<std::mutex> lock(mutex_);

@@ -537,13 +537,16 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
   uint64_t logonId = spec.logonId ? spec.logonId : creatorToken->logonId;
   ULONG integrityRid = spec.integrityRid ? *spec.integrityRid : creatorToken->integrityRid;
   if (!k.se.Find(logonId)) Stop("CreateProcess: logon session " + std::to_string(logonId) + " is not logged on");
-  _KPROCESS* process = k.ps.CreateProcess(spec.pid, spec.imagePath, spec.parentPid, spec.commandLine);
+  if (spec.pid && k.ps.FindProcess(spec.pid)) Stop("CreateProcess: process id " + std::to_string(spec.pid) + " is in use");
+  _KPROCESS* process = k.ps.CreateProcess(spec.pid, spec.imagePath, spec.parentPid, spec.commandLine,
+                                          [&](_KPROCESS* made) {
+                                            made->token = k.se.CreateToken(logonId, integrityRid, spec.sessionId);
+                                            made->wow64 = spec.wow64;
+                                            made->sessionId = spec.sessionId;
+                                            made->devicePath = DevicePath(spec.imagePath);
+                                            made->imageFile = ReferenceImageFile(spec.imagePath);
+                                          });
   if (!process) Stop("CreateProcess: process id " + std::to_string(spec.pid) + " is in use");
-  process->token = k.se.CreateToken(logonId, integrityRid, spec.sessionId);
-  process->wow64 = spec.wow64;
-  process->sessionId = spec.sessionId;
-  process->devicePath = DevicePath(spec.imagePath);
-  process->imageFile = ReferenceImageFile(spec.imagePath);
 
   // Its address space: the environment block and parameters, then its executable and ntdll.dll.
   EnvironmentSpec environment;

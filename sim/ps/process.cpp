@@ -68,7 +68,8 @@ uint64_t ProcessManager::NewId() {
 }
 
 _KPROCESS* ProcessManager::CreateProcess(uint64_t id, const std::u16string& imagePath, uint64_t parentId,
-                                         const std::u16string& commandLine) {
+                                         const std::u16string& commandLine,
+                                         const std::function<void(_KPROCESS*)>& prepare) {
   _KPROCESS* process = ob_->CreateObjectOf<_KPROCESS>(&ob_->types.process);
   process->id = id ? id : NewId();
   size_t slash = imagePath.find_last_of(u'\\');
@@ -77,6 +78,7 @@ _KPROCESS* ProcessManager::CreateProcess(uint64_t id, const std::u16string& imag
   process->commandLine = commandLine;
   process->parentId = parentId;
   process->createTime = SystemTimeNow();
+  if (prepare) prepare(process);  // before any other thread can find it
   std::lock_guard<std::mutex> lock(mutex_);
   if (!liveProcesses_.emplace(process->id, process).second) {
     ob_->Dereference(process);

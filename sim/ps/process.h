@@ -102,8 +102,10 @@ class ProcessManager {
 
   // A new live process with no threads, named by its executable's path (its image name is the
   // path's last component); null if the id is taken by a live process (id 0: the next free id).
+  // prepare fills in the rest before the process can be found; on a refusal it has run all the same.
   _KPROCESS* CreateProcess(uint64_t id, const std::u16string& imagePath, uint64_t parentId,
-                           const std::u16string& commandLine = std::u16string());
+                           const std::u16string& commandLine = std::u16string(),
+                           const std::function<void(_KPROCESS*)>& prepare = nullptr);
   // A new live thread of the process, on the next processor in turn. Nothing is notified here;
   // announced says whether the caller notifies its creation (and so its exit will be notified).
   _KTHREAD* CreateThread(_KPROCESS* process, bool announced = false, uint64_t win32StartAddress = 0);

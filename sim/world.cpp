@@ -564,9 +564,15 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
   if (!process->addressSpace.Add(memory)) Stop("CreateProcess: the environment block lies outside user space");
   std::vector<std::pair<std::u16string, uint64_t>> images;
   if (spec.mapExecutable) {
-    images.emplace_back(spec.imagePath, PlaceImage(process, spec.imagePath, 0, 0, spec.wow64 ? 0x400000 : 0x7FF600000000));
-    images.emplace_back(u"\\SystemRoot\\System32\\ntdll.dll",
-                        PlaceImage(process, u"\\SystemRoot\\System32\\ntdll.dll", 0, 0, 0x7FFE00000000));
+    ImageSpec executable;
+    executable.path = spec.imagePath;
+    executable.dll = false;
+    images.emplace_back(spec.imagePath, PlaceImage(process, executable, spec.wow64 ? 0x400000 : 0x7FF600000000));
+    // The native ntdll.dll, in a Wow64 process too.
+    ImageSpec ntdll;
+    ntdll.path = u"\\SystemRoot\\System32\\ntdll.dll";
+    ntdll.machine = IMAGE_FILE_MACHINE_AMD64;
+    images.emplace_back(ntdll.path, PlaceImage(process, ntdll, 0x7FFE00000000));
   }
 
   // Its first thread starts at the executable's entry point.
@@ -677,8 +683,15 @@ void World::NotifyImage(const std::u16string& ntImagePath, uint64_t processId, u
   info.ImageInfo.ImageBase = reinterpret_cast<PVOID>(static_cast<uintptr_t>(base));
   info.ImageInfo.ImageSize = size;
   info.FileObject = ReferenceImageFile(ntImagePath);
-  kernel_->notify.ImageLoaded(&name, IdHandle(processId), &info.ImageInfo);
-  kernel_->ob.Dereference(info.FileObject);
+  if (info.FileObject) {
+    kernel_->notify.ImageLoaded(&name, IdHandle(processId), &info.ImageInfo);
+    kernel_->ob.Dereference(info.FileObject);
+    return;
+  }
+  // No file to name: the plain IMAGE_INFO, on its own, without the extended part.
+  IMAGE_INFO plain = info.ImageInfo;
+  plain.ExtendedInfoPresent = 0;
+  kernel_->notify.ImageLoaded(&name, IdHandle(processId), &plain);
 }
 
 std::u16string World::DevicePath(const std::u16string& ntPath) {
@@ -689,8 +702,40 @@ std::u16string World::DevicePath(const std::u16string& ntPath) {
   return name;
 }
 
-uint64_t World::PlaceImage(_KPROCESS* process, const std::u16string& ntImagePath, uint64_t base, uint64_t size,
-                           uint64_t from) {
+// The first page of an image view: DOS header, PE signature, file header and optional header as
+// the spec describes them, in a page of the process's user memory.
+static const uint8_t* BuildImageHeader(Kernel& k, _KPROCESS* process, const ImageSpec& image, uint64_t size) {
+  auto* page = static_cast<uint8_t*>(k.userMemory.Allocate(process, PAGE_SIZE));
+  USHORT machine = image.machine ? image.machine : process->wow64 ? IMAGE_FILE_MACHINE_I386 : IMAGE_FILE_MACHINE_AMD64;
+  bool bits32 = machine == IMAGE_FILE_MACHINE_I386 || machine == 0x1C0;
+  auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(page);
+  dos->e_magic = IMAGE_DOS_SIGNATURE;
+  dos->e_lfanew = 0x80;
+  auto* nt = reinterpret_cast<IMAGE_NT_HEADERS64*>(page + 0x80);
+  nt->Signature = IMAGE_NT_SIGNATURE;
+  nt->FileHeader.Machine = machine;
+  nt->FileHeader.NumberOfSections = 2;
+  nt->FileHeader.SizeOfOptionalHeader = bits32 ? 0xE0 : 0xF0;
+  nt->FileHeader.Characteristics = static_cast<USHORT>(0x0002 | (bits32 ? 0x0100 : 0x0020) | (image.dll ? 0x2000 : 0));
+  // PE32 and PE32+ optional headers keep CheckSum, SizeOfImage and SizeOfHeaders at the same offsets.
+  nt->OptionalHeader.Magic = bits32 ? 0x10B : IMAGE_NT_OPTIONAL_HDR64_MAGIC;
+  nt->OptionalHeader.SizeOfImage = static_cast<ULONG>(size);
+  nt->OptionalHeader.SizeOfHeaders = PAGE_SIZE;
+  if (image.checksum) {
+    nt->OptionalHeader.CheckSum = *image.checksum;
+  } else {
+    ULONG sum = 0x2A000;
+    for (char16_t c : Upcase(image.path)) sum = sum * 31 + c;
+    nt->OptionalHeader.CheckSum = sum & 0x7FFFFFFF;
+  }
+  if (!image.readableHeader) k.userMemory.MakeFault(page, PAGE_SIZE);
+  return page;
+}
+
+uint64_t World::PlaceImage(_KPROCESS* process, const ImageSpec& image, uint64_t from) {
+  const std::u16string& ntImagePath = image.path;
+  uint64_t base = image.base;
+  uint64_t size = image.size;
   if (size == 0) size = kDefaultImageSize;
   size = (size + PAGE_SIZE - 1) & ~uint64_t(PAGE_SIZE - 1);
   if (size < 3 * PAGE_SIZE) size = 3 * PAGE_SIZE;
@@ -703,6 +748,7 @@ uint64_t World::PlaceImage(_KPROCESS* process, const std::u16string& ntImagePath
   view.type = MEM_IMAGE;
   view.allocationProtect = PAGE_EXECUTE_WRITECOPY;
   view.mappedName = DevicePath(ntImagePath);
+  view.header = BuildImageHeader(*kernel_, process, image, size);
   uint64_t code = ((size - PAGE_SIZE) / 2 + PAGE_SIZE - 1) & ~uint64_t(PAGE_SIZE - 1);
   view.regions.push_back({PAGE_SIZE, MEM_COMMIT, PAGE_READONLY});
   view.regions.push_back({code, MEM_COMMIT, PAGE_EXECUTE_READ});
@@ -720,9 +766,17 @@ uint64_t World::PlaceImage(_KPROCESS* process, const std::u16string& ntImagePath
 }
 
 uint64_t World::MapImage(UserProcess& process, const std::u16string& ntImagePath, uint64_t base, uint64_t size) {
-  base = PlaceImage(process.Process(), ntImagePath, base, size);
+  ImageSpec image;
+  image.path = ntImagePath;
+  image.base = base;
+  image.size = size;
+  return MapImage(process, image);
+}
+
+uint64_t World::MapImage(UserProcess& process, const ImageSpec& image) {
+  uint64_t base = PlaceImage(process.Process(), image);
   ThreadScope scope(kernel_->ps.ActingThread(process.Process()), UserMode);
-  NotifyImage(ntImagePath, process.Id(), base, size ? size : kDefaultImageSize, false);
+  NotifyImage(image.path, process.Id(), base, image.size ? image.size : kDefaultImageSize, false);
   return base;
 }
 

@@ -55,6 +55,20 @@ struct LogonSpec {
   ULONG session = 1;
 };
 
+// An image to map into a process: its NT path, where (base 0: the next free place for an image of
+// its kind) and how large (0: 128 KB), and what its PE headers say: the machine (0: the process's
+// own, 0x14C in a Wow64 process, else 0x8664), a DLL or an executable, the optional header's
+// checksum (unset: one derived from the path); or a header page that faults for every reader.
+struct ImageSpec {
+  std::u16string path;
+  uint64_t base = 0;
+  uint64_t size = 0;
+  USHORT machine = 0;
+  bool dll = true;
+  std::optional<ULONG> checksum;
+  bool readableHeader = true;
+};
+
 // The parts of a process's own memory that a test can make fault.
 enum class ProcessMemoryPart { EnvironmentBlock, Parameters, CommandLine, CurrentDirectory };
 
@@ -196,6 +210,7 @@ class World {
   // the next free place for an image of its kind; size 0: 128 KB) and notifies its load. Returns
   // its base. A base that is not free stops the test.
   uint64_t MapImage(UserProcess& process, const std::u16string& ntImagePath, uint64_t base = 0, uint64_t size = 0);
+  uint64_t MapImage(UserProcess& process, const ImageSpec& image);
   // Any other allocation of the process's own: reserved (MEM_RESERVE) or committed private memory.
   void AllocatePrivate(UserProcess& process, uint64_t base, uint64_t size, bool commit);
   // Loads a kernel driver image: it joins the module list and its load is notified. Returns its base.
@@ -273,8 +288,7 @@ class World {
   void EndThread(_KTHREAD* thread);
   void NotifyImage(const std::u16string& ntImagePath, uint64_t processId, uint64_t base, uint64_t size,
                    bool kernelImage);
-  uint64_t PlaceImage(_KPROCESS* process, const std::u16string& ntImagePath, uint64_t base, uint64_t size,
-                      uint64_t from = 0);
+  uint64_t PlaceImage(_KPROCESS* process, const ImageSpec& image, uint64_t from = 0);
   std::u16string DevicePath(const std::u16string& ntPath);
 
   Options options_;

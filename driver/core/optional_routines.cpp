@@ -81,6 +81,12 @@ static ULONG sk_FallbackGetProcessSessionId(PEPROCESS Process) {
   return (ULONG)(ULONG_PTR)sessionId;
 }
 
+// Unknown: the process identity's first field stays 0.
+static HANDLE sk_FallbackGetProcessInheritedFromUniqueProcessId(PEPROCESS Process) {
+  UNREFERENCED_PARAMETER(Process);
+  return NULL;
+}
+
 // From the kernel image's export table once the image is known; otherwise the kernel's own lookup.
 static PVOID sk_LookupRoutine(PSENTREL_DATA Data, PCWSTR Name) {
   UNICODE_STRING name;
@@ -137,10 +143,13 @@ void sk_ResolveOptionalRoutines(PSENTREL_DATA Data) {
   routine = sk_LookupRoutine(Data, L"PsGetProcessWow64Process");
   Data->PsGetProcessWow64Process =
       routine ? (PSK_PS_GET_PROCESS_WOW64_PROCESS)routine : sk_FallbackGetProcessWow64Process;
-  // Neither has a reference page that names a Windows version.
+  // None of these has a reference page that names a Windows version.
   routine = sk_LookupRoutine(Data, L"SeQueryAuthenticationIdToken");
   Data->SeQueryAuthenticationIdToken =
       routine ? (PSK_SE_QUERY_AUTHENTICATION_ID_TOKEN)routine : sk_FallbackQueryAuthenticationIdToken;
   routine = sk_LookupRoutine(Data, L"PsGetProcessSessionId");
   Data->PsGetProcessSessionId = routine ? (PSK_PS_GET_PROCESS_SESSION_ID)routine : sk_FallbackGetProcessSessionId;
+  routine = sk_LookupRoutine(Data, L"PsGetProcessInheritedFromUniqueProcessId");
+  Data->PsGetProcessInheritedFromUniqueProcessId = routine ? (PSK_PS_GET_PROCESS_INHERITED_FROM_UNIQUE_PROCESS_ID)routine
+                                                           : sk_FallbackGetProcessInheritedFromUniqueProcessId;
 }

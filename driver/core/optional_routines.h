@@ -19,9 +19,10 @@ typedef NTSTATUS (*PSK_ZW_QUERY_INFORMATION_THREAD)(HANDLE ThreadHandle, THREADI
 typedef PPEB (*PSK_PS_GET_PROCESS_PEB)(PEPROCESS Process);
 typedef NTSTATUS (*PSK_SE_QUERY_AUTHENTICATION_ID_TOKEN)(PACCESS_TOKEN Token, PLUID AuthenticationId);
 typedef ULONG (*PSK_PS_GET_PROCESS_SESSION_ID)(PEPROCESS Process);
+typedef HANDLE (*PSK_PS_GET_PROCESS_INHERITED_FROM_UNIQUE_PROCESS_ID)(PEPROCESS Process);
 typedef PVOID (*PSK_PS_GET_PROCESS_WOW64_PROCESS)(PEPROCESS Process);
 
 struct _SENTREL_DATA;
 
-// Finds the kernel image and resolves the ten routines (or installs their fallbacks). Cannot fail.
+// Finds the kernel image and resolves the eleven routines (or installs their fallbacks). Cannot fail.
 void sk_ResolveOptionalRoutines(struct _SENTREL_DATA *Data);

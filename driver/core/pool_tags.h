@@ -27,3 +27,7 @@
 #define SK_TAG_USER_HIVE_INFO 'blRl'    // "lRlb": the key-information buffer of the user-hive walk
 #define SK_TAG_LOGON_NODE 'lnTg'      // "gTnl": logon table nodes
 #define SK_TAG_LOGON_THREAD 'tlTg'    // "gTlt": the logon table's records of its add threads
+#define SK_TAG_PROC_TABLE 'PeTg'      // "gTeP": process table elements, and image-load work items
+#define SK_TAG_PROC_BLOCK 'nDTg'      // "gTDn": process node blocks before they enter the table
+#define SK_TAG_IMAGE_NODE 'imTg'      // "gTmi": image table elements
+#define SK_TAG_PROC_TREE 'ptiF'       // "Fitp": process-tree records handed to callers

@@ -18,8 +18,7 @@ SENTREL_DATA SentrelData;
 // The managers, in start-up order; they stop in the reverse order, except that a manager marked
 // StopsAfterPrevious stops right after the one started before it (the white rule set after the
 // black one). Each later manager takes its place here as it lands (the stack hook before the path
-// cache; then images, processes and the package cache before
-// the message queues; the producer interface last).
+// cache; the package cache before the message queues; the producer interface last).
 typedef struct _SK_MANAGER {
   const char *StartName;
   NTSTATUS (*Start)(void);
@@ -37,6 +36,11 @@ static NTSTATUS sk_StopLogonMgr(void) { return sk_UninitLogonMgr(&SentrelData.Lo
 static NTSTATUS sk_StartDosNameMgr(void) { return sk_InitDosNameMgr(&SentrelData.DosNameMgr); }
 static NTSTATUS sk_StopDosNameMgr(void) { return sk_UninitDosNameMgr(&SentrelData.DosNameMgr); }
 
+static NTSTATUS sk_StartImageMgr(void) { return sk_InitImageMgr(&SentrelData.ImageMgr); }
+static NTSTATUS sk_StopImageMgr(void) { return sk_UninitImageMgr(&SentrelData.ImageMgr); }
+static NTSTATUS sk_StartProcessMgr(void) { return sk_InitProcessMgr(&SentrelData.ProcessMgr); }
+static NTSTATUS sk_StopProcessMgr(void) { return sk_UninitProcessMgr(&SentrelData.ProcessMgr); }
+
 static NTSTATUS sk_StartProcMsgMgr(void) { return sk_InitProcMsgMgr(&SentrelData.ProcMsgMgr); }
 static NTSTATUS sk_StopProcMsgMgr(void) { return sk_UninitProcMsgMgr(&SentrelData.ProcMsgMgr); }
 
@@ -53,7 +57,9 @@ static const SK_MANAGER SkManagers[] = {
     {"sk_InitWhiteRuleMgr", sk_InitWhiteRuleMgr, "sk_UninitWhiteRuleMgr", sk_StopWhiteRuleMgr, TRUE},
     {"sk_InitLogonMgr", sk_StartLogonMgr, "sk_UninitLogonMgr", sk_StopLogonMgr, FALSE},
     {"sk_InitDosNameMgr", sk_StartDosNameMgr, "sk_UninitDosNameMgr", sk_StopDosNameMgr, FALSE},
-    // Images, processes and the package cache come here, before the message queues.
+    {"sk_InitImageMgr", sk_StartImageMgr, "sk_UninitImageMgr", sk_StopImageMgr, FALSE},
+    {"sk_InitProcessMgr", sk_StartProcessMgr, "sk_UninitProcessMgr", sk_StopProcessMgr, FALSE},
+    // The package cache comes here, before the message queues.
     {"sk_InitProcMsgMgr", sk_StartProcMsgMgr, "sk_UninitProcMsgMgr", sk_StopProcMsgMgr, FALSE},
     {NULL, NULL, NULL, NULL, FALSE},  // end of the table
 };

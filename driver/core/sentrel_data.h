@@ -9,6 +9,8 @@
 #include "core/optional_routines.h"
 #include "names/dos_name.h"
 #include "names/logon_mgr.h"
+#include "monitor/image_mgr.h"
+#include "monitor/process_mgr.h"
 #include "names/path_cache.h"
 #include "rules/rule_mgr.h"
 
@@ -41,7 +43,8 @@ typedef struct _SENTREL_DATA {
   volatile LONG ImageLoadCount;
   volatile LONG DriverLoadCount;
   SK_PATH_MGR PathMgr;
-  // The process and image tables join here as they land.
+  SK_PROCESS_MGR ProcessMgr;
+  SK_IMAGE_MGR ImageMgr;
   SK_PROC_MSG_MGR ProcMsgMgr;
   SK_DOS_NAME_MGR DosNameMgr;
   // The stack hook joins here.
@@ -60,6 +63,7 @@ typedef struct _SENTREL_DATA {
   PSK_PS_GET_PROCESS_WOW64_PROCESS PsGetProcessWow64Process;
   PSK_SE_QUERY_AUTHENTICATION_ID_TOKEN SeQueryAuthenticationIdToken;
   PSK_PS_GET_PROCESS_SESSION_ID PsGetProcessSessionId;
+  PSK_PS_GET_PROCESS_INHERITED_FROM_UNIQUE_PROCESS_ID PsGetProcessInheritedFromUniqueProcessId;
 } SENTREL_DATA, *PSENTREL_DATA;
 
 static_assert(sizeof(SENTREL_DATA) <= 0xFFFF, "the record's size fits its 16-bit Size");

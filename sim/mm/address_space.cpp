@@ -98,4 +98,14 @@ bool AddressSpace::MappedName(uintptr_t address, std::u16string* name) const {
   return true;
 }
 
+bool AddressSpace::ImageView(uintptr_t address, size_t length, uintptr_t* base, const uint8_t** header) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const Allocation* allocation = Holding(address);
+  if (!allocation || allocation->type != MEM_IMAGE || !allocation->header) return false;
+  if (length > allocation->base + allocation->Size() - address) return false;
+  *base = allocation->base;
+  *header = allocation->header;
+  return true;
+}
+
 }  // namespace ntsim

@@ -32,6 +32,9 @@ class AddressSpace {
     ULONG allocationProtect = PAGE_READWRITE;
     std::u16string mappedName;   // the file behind an image or mapped view, by its NT name
     std::vector<Region> regions;  // consecutive from base
+    // An image view's first page (its PE headers), in a host page of ProcessMemory: the bytes a
+    // guarded read of the view sees; the rest of the view reads as zeros.
+    const uint8_t* header = nullptr;
     size_t Size() const;
   };
 
@@ -44,6 +47,8 @@ class AddressSpace {
   NTSTATUS QueryBasic(uintptr_t address, MEMORY_BASIC_INFORMATION* info) const;
   // The NT name of the file mapped at address; false if no image or file view holds it.
   bool MappedName(uintptr_t address, std::u16string* name) const;
+  // The image view (with its header page) that holds all of [address, address + length).
+  bool ImageView(uintptr_t address, size_t length, uintptr_t* base, const uint8_t** header) const;
 
  private:
   const Allocation* Holding(uintptr_t address) const;  // with the lock held

@@ -45,6 +45,21 @@ NTSTATUS NtSimGuardedCopy(PVOID Destination, const VOID* Source, SIZE_T Length) 
   // User memory is readable only in its own process's context.
   _KPROCESS* current = ntsim::CurrentProcess();
   ntsim::ProcessMemory& user = ntsim::K().userMemory;
+  // An image view of the current process: its header page, then zeros (code and data are not
+  // simulated). Its addresses are the process's own, with no host memory behind them.
+  uintptr_t viewBase = 0;
+  const uint8_t* header = nullptr;
+  uintptr_t source = reinterpret_cast<uintptr_t>(Source);
+  if (current && current->addressSpace.ImageView(source, Length, &viewBase, &header)) {
+    size_t offset = source - viewBase;
+    size_t fromHeader = offset < PAGE_SIZE ? (Length < PAGE_SIZE - offset ? Length : PAGE_SIZE - offset) : 0;
+    if ((fromHeader && user.Faults(header + offset, fromHeader, current)) || faults.Faults(Destination, Length)) {
+      return STATUS_ACCESS_VIOLATION;
+    }
+    if (fromHeader) memmove(Destination, header + offset, fromHeader);
+    memset(static_cast<uint8_t*>(Destination) + fromHeader, 0, Length - fromHeader);
+    return STATUS_SUCCESS;
+  }
   if (user.Faults(Source, Length, current) || user.Faults(Destination, Length, current)) {
     return STATUS_ACCESS_VIOLATION;
   }

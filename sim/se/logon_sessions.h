@@ -56,9 +56,10 @@ class LogonSessions {
 
   // How often GetSecurityUserInfo was asked, for tests.
   std::atomic<uint64_t> userInfoQueries{0};
-  // Runs at the start of every GetSecurityUserInfo, on the calling thread, when set: a test holds a
-  // caller there. Set only while no thread calls the routine.
-  std::function<void()> userInfoHook;
+  // Runs at the start of every GetSecurityUserInfo with the session asked about, on the calling
+  // thread, when set: a test records the question or holds the caller there. Set only while no
+  // thread calls the routine.
+  std::function<void(uint64_t logonId)> userInfoHook;
 
  private:
   ObjectManager* ob_ = nullptr;

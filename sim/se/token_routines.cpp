@@ -208,7 +208,6 @@ NTSTATUS NTAPI GetSecurityUserInfo(PLUID LogonId, ULONG Flags, PSECURITY_USER_DA
   CheckPassive("GetSecurityUserInfo");
   Kernel& k = K();
   k.se.userInfoQueries.fetch_add(1);
-  if (k.se.userInfoHook) k.se.userInfoHook();
   uint64_t id = 0;
   if (LogonId) {
     id = (static_cast<uint64_t>(static_cast<ULONG>(LogonId->HighPart)) << 32) | LogonId->LowPart;
@@ -217,6 +216,7 @@ NTSTATUS NTAPI GetSecurityUserInfo(PLUID LogonId, ULONG Flags, PSECURITY_USER_DA
     _KPROCESS* process = CurrentThread()->process;
     if (process->token) id = LogonSessions::Token(process->token)->logonId;
   }
+  if (k.se.userInfoHook) k.se.userInfoHook(id);
   std::optional<LogonSession> session = k.se.Find(id);
   if (!session) return STATUS_NO_SUCH_LOGON_SESSION;
   std::vector<uint8_t> sid;

@@ -36,6 +36,10 @@ int _snwprintf(WCHAR *Buffer, SIZE_T Count, const WCHAR *Format, ...);
 int _vsnwprintf(WCHAR *Buffer, SIZE_T Count, const WCHAR *Format, va_list ArgList);
 int _snprintf(char *Buffer, SIZE_T Count, const char *Format, ...);
 
+// A system time as seconds since 1970 (or 1980); FALSE when it lies outside what 32 bits hold.
+BOOLEAN NTAPI RtlTimeToSecondsSince1970(PLARGE_INTEGER Time, PULONG ElapsedSeconds);
+BOOLEAN NTAPI RtlTimeToSecondsSince1980(PLARGE_INTEGER Time, PULONG ElapsedSeconds);
+
 NTSIM_END_DECLS
 
 // Doubly linked lists, as the DDK's inline routines.

@@ -532,7 +532,7 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
   _KPROCESS* creatorProcess = k.ps.FindProcess(creatorPid);
   if (!creatorProcess) Stop("CreateProcess: the creating process " + std::to_string(creatorPid) + " is not running");
   _KTHREAD* creator = k.ps.ActingThread(creatorProcess);
-  // Its primary token: the creator's logon session and integrity level, unless the spec names others.
+  // Its primary token: the creator's logon session and integrity level, unless others are asked for.
   const TokenBody* creatorToken = LogonSessions::Token(creatorProcess->token);
   uint64_t logonId = spec.logonId ? spec.logonId : creatorToken->logonId;
   ULONG integrityRid = spec.integrityRid ? *spec.integrityRid : creatorToken->integrityRid;
@@ -673,7 +673,10 @@ void World::ExitThread(uint64_t threadId) {
 
 void World::NotifyImage(const std::u16string& ntImagePath, uint64_t processId, uint64_t base, uint64_t size,
                         bool kernelImage) {
-  std::u16string path = ntImagePath;  // what the routines see
+  // What the routines see: a user-mode image named by drive letter is reported by its volume's
+  // device name, as the kernel names the file behind the section ("\Device\HarddiskVolume3\...");
+  // "\SystemRoot\..." names stay as they are.
+  std::u16string path = !kernelImage && ntImagePath.rfind(u"\\??\\", 0) == 0 ? DevicePath(ntImagePath) : ntImagePath;
   UNICODE_STRING name = Counted(path);
   IMAGE_INFO_EX info = {};
   info.Size = sizeof info;
@@ -697,13 +700,17 @@ void World::NotifyImage(const std::u16string& ntImagePath, uint64_t processId, u
 std::u16string World::DevicePath(const std::u16string& ntPath) {
   PFILE_OBJECT file = ReferenceImageFile(ntPath);
   std::u16string name;
-  if (!NT_SUCCESS(kernel_->io.QueryFileObjectName(file, &name))) name = ntPath;
+  if (!NT_SUCCESS(kernel_->io.QueryFileObjectName(file, &name))) {
+    // No such file: its volume's device name all the same, where the path names a volume.
+    std::u16string device, path;
+    name = ResolveVolumePath(kernel_->ob, ntPath, &device, &path) ? device + path : ntPath;
+  }
   kernel_->ob.Dereference(file);
   return name;
 }
 
 // The first page of an image view: DOS header, PE signature, file header and optional header as
-// the spec describes them, in a page of the process's user memory.
+// the image's description asks, in a page of the process's user memory.
 static const uint8_t* BuildImageHeader(Kernel& k, _KPROCESS* process, const ImageSpec& image, uint64_t size) {
   auto* page = static_cast<uint8_t*>(k.userMemory.Allocate(process, PAGE_SIZE));
   USHORT machine = image.machine ? image.machine : process->wow64 ? IMAGE_FILE_MACHINE_I386 : IMAGE_FILE_MACHINE_AMD64;

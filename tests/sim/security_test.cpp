@@ -64,7 +64,7 @@ TEST(SecurityTest, ProcessesInheritTheirCreatorsTokenUnlessTold) {
     PACCESS_TOKEN token = PsReferencePrimaryToken(kiosk.Process());
     PVOID session = nullptr;
     EXPECT_EQ(SeQueryInformationToken(token, TokenSessionId, &session), STATUS_SUCCESS);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(session), 1u);  // the spec's session, not the user's
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(session), 1u);  // the process's session, not the user's
     PVOID statistics = nullptr;
     ASSERT_EQ(SeQueryInformationToken(token, TokenStatistics, &statistics), STATUS_SUCCESS);
     EXPECT_EQ(static_cast<PTOKEN_STATISTICS>(statistics)->AuthenticationId.LowPart, 0x51000u);

@@ -1,6 +1,7 @@
 // sentrel-sim through its library entry point: scenarios in, JSON Lines out.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "runner.h"
@@ -215,6 +216,46 @@ TEST(SentrelSimTest, UsersLogOnAndTheLogonTableFollowsTheirTriggerProcesses) {
   EXPECT_TRUE(logged("LogonMgr Init Success"));
   EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
   EXPECT_EQ(run.status, 1) << "refused ops fail the run";
+}
+
+// The process and image tables as the driver's log shows them: a process found at start, a chain
+// of creators kept past exit and swept together, an image shared by two processes, images the
+// driver does not record.
+TEST(SentrelSimTest, TheProcessAndImageTablesFollowTheScenario) {
+  const std::string debugKey = "\\\\Registry\\\\Machine\\\\System\\\\CurrentControlSet\\\\Services\\\\Sentrel\\\\Debug";
+  auto op = [](const std::string& text) { return "{" + text + "}\n"; };
+  Output run = Scenario(
+      op("\"op\":\"registry\",\"key\":\"" + debugKey + "\",\"value\":\"PrintLevel\",\"type\":\"REG_DWORD\",\"data\":5") +
+      op("\"op\":\"registry\",\"key\":\"" + debugKey + "\",\"value\":\"TraceLevel\",\"type\":\"REG_DWORD\",\"data\":\"0xc0\"") +
+      op("\"op\":\"process\",\"pid\":300,\"image\":\"C:\\\\Windows\\\\explorer.exe\"") +
+      op("\"op\":\"load\"") +
+      op("\"op\":\"process\",\"pid\":310,\"ppid\":300,\"image\":\"C:\\\\Windows\\\\System32\\\\cmd.exe\",\"cmdline\":\"cmd /k\"") +
+      op("\"op\":\"process\",\"pid\":320,\"ppid\":310,\"image\":\"C:\\\\Windows\\\\System32\\\\notepad.exe\",\"wow64\":true") +
+      op("\"op\":\"image\",\"pid\":310,\"path\":\"C:\\\\Windows\\\\System32\\\\kernel32.dll\"") +
+      op("\"op\":\"image\",\"pid\":320,\"path\":\"C:\\\\Windows\\\\System32\\\\kernel32.dll\"") +
+      op("\"op\":\"image\",\"pid\":320,\"path\":\"C:\\\\Windows\\\\System32\\\\odd.dll\",\"machine\":\"0x200\"") +
+      op("\"op\":\"image\",\"pid\":320,\"path\":\"C:\\\\Windows\\\\System32\\\\torn.dll\",\"unreadable\":true") +
+      op("\"op\":\"exit\",\"pid\":310") +
+      op("\"op\":\"exit\",\"pid\":320") +
+      op("\"op\":\"unload\""),
+      true);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_FALSE(run.Reply("image").contains("not_simulated"));
+  std::vector<std::string> log;
+  for (const Json& line : run.With("log")) log.push_back(line["log"].get<std::string>());
+  auto count = [&](const std::string& text) {
+    return std::count_if(log.begin(), log.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
+  };
+  // explorer.exe from the start-up scan, then cmd.exe and notepad.exe as they are created.
+  EXPECT_EQ(count("Pid:0x12c"), 1);
+  EXPECT_EQ(count("Pid:0x136"), 1);
+  EXPECT_EQ(count("Pid:0x140"), 1);
+  EXPECT_EQ(count("CommandLine:cmd /k"), 1);
+  EXPECT_GE(count("Find Exist Node:"), 1) << "kernel32.dll found again for the second process";
+  EXPECT_EQ(count("Get Checksum  fail "), 2) << "the foreign and the unreadable image";
+  EXPECT_EQ(count("Remove Pid:320"), 1) << "notepad's exit sweeps it and the exited cmd.exe it kept";
+  EXPECT_EQ(count("Remove Pid:310"), 0);
+  EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
 }
 
 }  // namespace

@@ -248,11 +248,17 @@ class Runner {
     } else if (name == "image") {
       UserProcess* process = FindProcess(Number(f, "pid"));
       if (!process) return Refuse(op, "process " + std::to_string(Number(f, "pid")) + " is not running");
-      uint64_t base = world_->MapImage(*process, NtPath(Text(f, "path")), Number(f, "base"), Number(f, "size"));
+      ntsim::ImageSpec image;
+      image.path = NtPath(Text(f, "path"));
+      image.base = Number(f, "base");
+      image.size = Number(f, "size");
+      image.machine = static_cast<USHORT>(Number(f, "machine"));
+      image.dll = !f.contains("dll") || f["dll"].get<bool>();
+      if (Has(f, "checksum")) image.checksum = static_cast<ULONG>(Number(f, "checksum"));
+      image.readableHeader = !f.contains("unreadable") || !f["unreadable"].get<bool>();
+      uint64_t base = world_->MapImage(*process, image);
       images_[{Number(f, "pid"), ImageName(Text(f, "path"))}] = base;
-      Json reply = {{"pid", f["pid"]}, {"base", HexNumber(base)}};
-      NotSimulated(f, {"machine", "dll"}, &reply);
-      Reply(op, reply);
+      Reply(op, {{"pid", f["pid"]}, {"base", HexNumber(base)}});
     } else if (name == "thread") {
       Thread(op);
     } else if (name == "driver") {

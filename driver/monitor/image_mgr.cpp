@@ -9,6 +9,7 @@
 #include "names/path_convert.h"
 #include "names/string_block.h"
 #include "platform/guarded_memory.h"
+#include "platform/resource_lock.h"
 #include "rules/path_rule.h"
 
 // The image table logs under its own module, the per-process lists and the load path under the
@@ -122,8 +123,7 @@ NTSTATUS sk_AddImageNode(PSK_IMAGE_MGR ImageMgr, PVOID ImageBase, PCUNICODE_STRI
   RtlCopyUnicodeString(block.ImageName, &lastName);
   block.Key = sk_ImageKey(NtPath);
 
-  KeEnterCriticalRegion();
-  ExAcquireResourceSharedLite(&ImageMgr->Lock, TRUE);
+  skt_AcquireShared(&ImageMgr->Lock);
   element = (PIMAGE_INFO_NODE)RtlLookupElementGenericTableAvl(&ImageMgr->Table, &block);
   if (element) {
     if (Node) {
@@ -132,8 +132,7 @@ NTSTATUS sk_AddImageNode(PSK_IMAGE_MGR ImageMgr, PVOID ImageBase, PCUNICODE_STRI
     }
     SK_INFO("Find Exist Node:0x%p ImageName:%wZ\n", element, element->ImageName);
   }
-  ExReleaseResourceLite(&ImageMgr->Lock);
-  KeLeaveCriticalRegion();
+  skt_Release(&ImageMgr->Lock);
   if (element) {
     status = STATUS_SUCCESS;
     goto Exit;
@@ -168,16 +167,14 @@ NTSTATUS sk_AddImageNode(PSK_IMAGE_MGR ImageMgr, PVOID ImageBase, PCUNICODE_STRI
   block.Size = sizeof(block);
   block.RefCount = 1;
 
-  KeEnterCriticalRegion();
-  ExAcquireResourceExclusiveLite(&ImageMgr->Lock, TRUE);
+  skt_AcquireExclusive(&ImageMgr->Lock);
   element = (PIMAGE_INFO_NODE)RtlInsertElementGenericTableAvl(&ImageMgr->Table, &block, sizeof(block), &isNew);
   if (element && Node) {
     InterlockedIncrement(&element->RefCount);
     *Node = element;
     SK_INFO("Find Node:0x%p ImageName:%wZ\n", element, element->ImageName);
   }
-  ExReleaseResourceLite(&ImageMgr->Lock);
-  KeLeaveCriticalRegion();
+  skt_Release(&ImageMgr->Lock);
   if (!element) {
     SK_ERROR("RtlInsertElementGenericTableAvl Insert fail\n");
     status = STATUS_INSUFFICIENT_RESOURCES;
@@ -249,21 +246,18 @@ NTSTATUS sk_ReleaseImageNode_Node(PSK_IMAGE_MGR ImageMgr, PIMAGE_INFO_NODE Node)
   }
   // Another holder remains (3 or more: the table, the caller, someone else): one step down, with
   // the lock shared. A compare-exchange, so that two releases at 3 cannot both step down to 1.
-  KeEnterCriticalRegion();
-  ExAcquireResourceSharedLite(&ImageMgr->Lock, TRUE);
+  skt_AcquireShared(&ImageMgr->Lock);
   for (count = SK_READ_ONCE(Node->RefCount); count >= 3; count = SK_READ_ONCE(Node->RefCount)) {
     if (InterlockedCompareExchange(&Node->RefCount, count - 1, count) == count) break;
   }
-  ExReleaseResourceLite(&ImageMgr->Lock);
-  KeLeaveCriticalRegion();
+  skt_Release(&ImageMgr->Lock);
   if (count >= 3) {
     SK_INFO("Decrement Node:0x%p RefCount:0x%0x\n", Node, count - 1);
     return STATUS_SUCCESS;
   }
 
   key.Key = Node->Key;
-  KeEnterCriticalRegion();
-  ExAcquireResourceExclusiveLite(&ImageMgr->Lock, TRUE);
+  skt_AcquireExclusive(&ImageMgr->Lock);
   element = (PIMAGE_INFO_NODE)RtlLookupElementGenericTableAvl(&ImageMgr->Table, &key);
   if (element && element->RefCount > 2) {
     count = InterlockedDecrement(&element->RefCount);
@@ -274,8 +268,7 @@ NTSTATUS sk_ReleaseImageNode_Node(PSK_IMAGE_MGR ImageMgr, PIMAGE_INFO_NODE Node)
     sk_FreeImageContents(element);
     RtlDeleteElementGenericTableAvl(&ImageMgr->Table, &key);
   }
-  ExReleaseResourceLite(&ImageMgr->Lock);
-  KeLeaveCriticalRegion();
+  skt_Release(&ImageMgr->Lock);
   return STATUS_SUCCESS;
 }
 
@@ -285,8 +278,7 @@ VOID sk_ClearAllImageNode(PSK_IMAGE_MGR ImageMgr) {
   PVOID restart;
 
   PAGED_CODE();
-  KeEnterCriticalRegion();
-  ExAcquireResourceExclusiveLite(&ImageMgr->Lock, TRUE);
+  skt_AcquireExclusive(&ImageMgr->Lock);
   for (;;) {
     restart = NULL;
     element = (PIMAGE_INFO_NODE)RtlEnumerateGenericTableWithoutSplayingAvl(&ImageMgr->Table, &restart);
@@ -295,8 +287,7 @@ VOID sk_ClearAllImageNode(PSK_IMAGE_MGR ImageMgr) {
     key.Key = element->Key;
     RtlDeleteElementGenericTableAvl(&ImageMgr->Table, &key);
   }
-  ExReleaseResourceLite(&ImageMgr->Lock);
-  KeLeaveCriticalRegion();
+  skt_Release(&ImageMgr->Lock);
 }
 
 NTSTATUS sk_InitImageMgr(PSK_IMAGE_MGR ImageMgr) {

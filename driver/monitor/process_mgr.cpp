@@ -11,6 +11,7 @@
 #include "names/path_convert.h"
 #include "names/string_block.h"
 #include "names/token_query.h"
+#include "platform/resource_lock.h"
 #include "rules/path_rule.h"
 
 #define SK_MODULE SK_TRACE_PROCESS
@@ -35,21 +36,6 @@ static PPROC_INFO_NODE sk_FindProcNode(PSK_PROCESS_MGR ProcessMgr, ULONG64 Proce
   PROC_INFO_NODE probe;
   probe.Key = sk_ProcKey(ProcessId, CreateTime);
   return (PPROC_INFO_NODE)RtlLookupElementGenericTableAvl(&ProcessMgr->Table, &probe);
-}
-
-static VOID sk_LockShared(PSK_PROCESS_MGR ProcessMgr) {
-  KeEnterCriticalRegion();
-  ExAcquireResourceSharedLite(&ProcessMgr->Lock, TRUE);
-}
-
-static VOID sk_LockExclusive(PSK_PROCESS_MGR ProcessMgr) {
-  KeEnterCriticalRegion();
-  ExAcquireResourceExclusiveLite(&ProcessMgr->Lock, TRUE);
-}
-
-static VOID sk_Unlock(PSK_PROCESS_MGR ProcessMgr) {
-  ExReleaseResourceLite(&ProcessMgr->Lock);
-  KeLeaveCriticalRegion();
 }
 
 static VOID sk_FreeString(PUNICODE_STRING String) {
@@ -265,7 +251,7 @@ NTSTATUS sk_AddProcInfo(PSK_PROCESS_MGR ProcessMgr, PPROC_INFO_NODE Block, ULONG
     goto Exit;
   }
   ExInitializeFastMutex(mutex);
-  sk_LockExclusive(ProcessMgr);
+  skt_AcquireExclusive(&ProcessMgr->Lock);
   element = (PPROC_INFO_NODE)RtlInsertElementGenericTableAvl(&ProcessMgr->Table, Block, BlockSize, &isNew);
   if (!element) {
     SK_ERROR("Node alloc fail\n");
@@ -282,7 +268,7 @@ NTSTATUS sk_AddProcInfo(PSK_PROCESS_MGR ProcessMgr, PPROC_INFO_NODE Block, ULONG
     InterlockedIncrement(&element->RefCount);
     *Node = element;
   }
-  sk_Unlock(ProcessMgr);
+  skt_Release(&ProcessMgr->Lock);
   if (mutex) ExFreeToNPagedLookasideList(&SentrelData.MutexLookaside, mutex);
   if (Inserted) *Inserted = isNew;
 Exit:
@@ -294,13 +280,13 @@ Exit:
 static VOID sk_ReferenceCreator(PSK_PROCESS_MGR ProcessMgr, ULONG64 CreatorId, LONGLONG CreatorTime) {
   PPROC_INFO_NODE creator;
   if (!CreatorTime) return;
-  sk_LockShared(ProcessMgr);
+  skt_AcquireShared(&ProcessMgr->Lock);
   creator = sk_FindProcNode(ProcessMgr, CreatorId, CreatorTime);
   if (creator) {
     LONG count = InterlockedIncrement(&creator->RefCount);
     SK_INFO("increment parent node:0x%p refcount:0x%0x\n", creator, count);
   }
-  sk_Unlock(ProcessMgr);
+  skt_Release(&ProcessMgr->Lock);
 }
 
 NTSTATUS sk_AddProcTreeInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ParentId, HANDLE ProcessId) {
@@ -341,12 +327,12 @@ NTSTATUS sk_DelProcInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLONG C
   PAGED_CODE();
   if (!ProcessMgr || !ProcessId || ProcessId == (HANDLE)4) return STATUS_INVALID_PARAMETER;
   if (!sk_ProcessMgrInited(ProcessMgr)) return STATUS_INSUFFICIENT_RESOURCES;
-  sk_LockExclusive(ProcessMgr);
+  skt_AcquireExclusive(&ProcessMgr->Lock);
   node = sk_FindProcNode(ProcessMgr, (ULONG64)(ULONG_PTR)ProcessId, CreateTime);
   if (node && InterlockedDecrement(&node->RefCount) == 0) {
     sk_DelProcTreeInternal_Unlock(ProcessMgr, ProcessId, CreateTime);
   }
-  sk_Unlock(ProcessMgr);
+  skt_Release(&ProcessMgr->Lock);
   return STATUS_SUCCESS;
 }
 
@@ -393,7 +379,7 @@ NTSTATUS sk_GetProcInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLONG C
     SK_ERROR("Process Mgr no Init\n");
     return STATUS_INSUFFICIENT_RESOURCES;
   }
-  sk_LockShared(ProcessMgr);
+  skt_AcquireShared(&ProcessMgr->Lock);
   node = sk_FindProcNode(ProcessMgr, (ULONG64)(ULONG_PTR)ProcessId, CreateTime);
   if (!node) {
     status = STATUS_NOT_FOUND;
@@ -401,7 +387,7 @@ NTSTATUS sk_GetProcInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLONG C
     InterlockedIncrement(&node->RefCount);
     *Node = node;
   }
-  sk_Unlock(ProcessMgr);
+  skt_Release(&ProcessMgr->Lock);
   if (node && Node) SK_INFO("ProcessId %d find Node:0x%p\n", (ULONG)(ULONG_PTR)ProcessId, node);
   return status;
 }
@@ -419,15 +405,15 @@ NTSTATUS sk_ReleaseProcInfo_Node(PSK_PROCESS_MGR ProcessMgr, PPROC_INFO_NODE Nod
   if (!sk_ProcessMgrInited(ProcessMgr)) return STATUS_INSUFFICIENT_RESOURCES;
   processId = Node->ProcessId;
   createTime = Node->CreateTime;
-  sk_LockShared(ProcessMgr);
+  skt_AcquireShared(&ProcessMgr->Lock);
   count = InterlockedDecrement(&Node->RefCount);
-  sk_Unlock(ProcessMgr);
+  skt_Release(&ProcessMgr->Lock);
   if (count == 0) {
     // Removed only under the exclusive lock, after the count is checked again: a lookup in between
     // keeps the node.
-    sk_LockExclusive(ProcessMgr);
+    skt_AcquireExclusive(&ProcessMgr->Lock);
     sk_DelProcTreeInternal_Unlock(ProcessMgr, (HANDLE)(ULONG_PTR)processId, createTime);
-    sk_Unlock(ProcessMgr);
+    skt_Release(&ProcessMgr->Lock);
   }
   return STATUS_SUCCESS;
 }
@@ -481,14 +467,14 @@ NTSTATUS sk_GetProcTreeInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLO
     status = STATUS_INSUFFICIENT_RESOURCES;
     goto Exit;
   }
-  sk_LockShared(ProcessMgr);
+  skt_AcquireShared(&ProcessMgr->Lock);
   for (node = sk_FindProcNode(ProcessMgr, (ULONG64)(ULONG_PTR)ProcessId, CreateTime); node;
        node = node->CreatorCreateTime ? sk_FindProcNode(ProcessMgr, node->CreatorProcessId, node->CreatorCreateTime)
                                       : NULL) {
     ++count;
   }
   if (!count) {
-    sk_Unlock(ProcessMgr);
+    skt_Release(&ProcessMgr->Lock);
     SK_INFO("No Find ProcessId:%d\n", (ULONG)(ULONG_PTR)ProcessId);
     status = STATUS_NOT_FOUND;
     goto Exit;
@@ -496,7 +482,7 @@ NTSTATUS sk_GetProcTreeInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLO
   size = SK_PROC_TREE_HEADER_SIZE + SK_PROC_TREE_ENTRY_SIZE * count;
   record = (PUCHAR)ExAllocatePoolWithTag(PagedPool, size, SK_TAG_PROC_TREE);
   if (!record) {
-    sk_Unlock(ProcessMgr);
+    skt_Release(&ProcessMgr->Lock);
     SK_ERROR("Info alloc fail\n");
     status = STATUS_INSUFFICIENT_RESOURCES;
     goto Exit;
@@ -517,7 +503,7 @@ NTSTATUS sk_GetProcTreeInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLO
     RtlCopyMemory(entry + 4, name->Buffer, bytes & ~1u);
     ++written;
   }
-  sk_Unlock(ProcessMgr);
+  skt_Release(&ProcessMgr->Lock);
   *Record = record;
   *RecordSize = size;
 Exit:
@@ -541,7 +527,7 @@ NTSTATUS sk_UpdateProcNode(PSK_PROCESS_MGR ProcessMgr, PEPROCESS Process, PPROC_
     SK_INFO("CommandLine:%wZ\n", Node->CommandLine);
     goto Exit;
   }
-  sk_LockExclusive(ProcessMgr);
+  skt_AcquireExclusive(&ProcessMgr->Lock);
   if (!Node->CommandLine && commandLine) {
     InterlockedExchangePointer((PVOID volatile *)&Node->CommandLine, commandLine);
     SK_INFO("CommandLine:%wZ\n", commandLine);
@@ -552,7 +538,7 @@ NTSTATUS sk_UpdateProcNode(PSK_PROCESS_MGR ProcessMgr, PEPROCESS Process, PPROC_
     SK_INFO("CurrentDir:%wZ\n", currentDirectory);
     currentDirectory = NULL;
   }
-  sk_Unlock(ProcessMgr);
+  skt_Release(&ProcessMgr->Lock);
   sk_FreeString(commandLine);
   sk_FreeString(currentDirectory);
 Exit:
@@ -672,7 +658,7 @@ VOID sk_ClearAllProcInfo(PSK_PROCESS_MGR ProcessMgr) {
 
   PAGED_CODE();
   SK_ENTER();
-  sk_LockExclusive(ProcessMgr);
+  skt_AcquireExclusive(&ProcessMgr->Lock);
   for (;;) {
     restart = NULL;
     element = (PPROC_INFO_NODE)RtlEnumerateGenericTableWithoutSplayingAvl(&ProcessMgr->Table, &restart);
@@ -680,7 +666,7 @@ VOID sk_ClearAllProcInfo(PSK_PROCESS_MGR ProcessMgr) {
     SK_INFO("Del Pid:%d ->Node:0x%p\n", (ULONG)element->ProcessId, element);
     sk_RemoveProcNode(ProcessMgr, element);
   }
-  sk_Unlock(ProcessMgr);
+  skt_Release(&ProcessMgr->Lock);
   SK_LEAVE(STATUS_SUCCESS);
 }
 

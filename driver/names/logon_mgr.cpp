@@ -9,26 +9,12 @@
 #include "names/path_convert.h"
 #include "names/string_block.h"
 #include "names/token_query.h"
+#include "platform/resource_lock.h"
 
 #define SK_MODULE SK_TRACE_LOGON
 
 static BOOLEAN sk_LogonMgrInited(PSK_LOGON_MGR LogonMgr) {
   return (SK_READ_ONCE(LogonMgr->Flags) & SK_LOGON_MGR_INITED) != 0;
-}
-
-static VOID sk_LockShared(PERESOURCE Lock) {
-  KeEnterCriticalRegion();
-  ExAcquireResourceSharedLite(Lock, TRUE);
-}
-
-static VOID sk_LockExclusive(PERESOURCE Lock) {
-  KeEnterCriticalRegion();
-  ExAcquireResourceExclusiveLite(Lock, TRUE);
-}
-
-static VOID sk_Unlock(PERESOURCE Lock) {
-  ExReleaseResourceLite(Lock);
-  KeLeaveCriticalRegion();
 }
 
 // The newest node of a logon id; the caller holds the lock.
@@ -79,9 +65,9 @@ NTSTATUS sk_AddLogonInfo(PSK_LOGON_MGR LogonMgr, PEPROCESS Process) {
   SK_ENTER();
   status = sk_ProcessLogonId(LogonMgr, Process, &logonId);
   if (!NT_SUCCESS(status)) goto Exit;
-  sk_LockShared(&LogonMgr->Lock);
+  skt_AcquireShared(&LogonMgr->Lock);
   known = sk_FindLogonNode(LogonMgr, logonId) != NULL;
-  sk_Unlock(&LogonMgr->Lock);
+  skt_Release(&LogonMgr->Lock);
   if (known) goto Exit;
 
   node = (PLOGON_INFO_NODE)ExAllocateFromPagedLookasideList(&LogonMgr->NodeLookaside);
@@ -109,10 +95,10 @@ NTSTATUS sk_AddLogonInfo(PSK_LOGON_MGR LogonMgr, PEPROCESS Process) {
     goto Exit;
   }
   // Not checked again: a racing add for the same session may insert a twin; lookups find the newer.
-  sk_LockExclusive(&LogonMgr->Lock);
+  skt_AcquireExclusive(&LogonMgr->Lock);
   InsertHeadList(&LogonMgr->NodeList, &node->Link);
   SK_INFO("Add User:%wZ UserSid:%wZ\n", node->UserName, node->UserSid);
-  sk_Unlock(&LogonMgr->Lock);
+  skt_Release(&LogonMgr->Lock);
 Exit:
   SK_LEAVE(status);
   return status;
@@ -134,14 +120,14 @@ NTSTATUS sk_LookupLogonInfo_LogonId(PSK_LOGON_MGR LogonMgr, ULONG64 LogonId, PLO
     status = STATUS_INVALID_PARAMETER;
     goto Exit;
   }
-  sk_LockShared(&LogonMgr->Lock);
+  skt_AcquireShared(&LogonMgr->Lock);
   if (sk_LogonMgrInited(LogonMgr)) {
     node = sk_FindLogonNode(LogonMgr, LogonId);
     if (node) InterlockedIncrement(&node->RefCount);
   } else {
     status = STATUS_INSUFFICIENT_RESOURCES;
   }
-  sk_Unlock(&LogonMgr->Lock);
+  skt_Release(&LogonMgr->Lock);
   if (!NT_SUCCESS(status)) {
     SK_ERROR("Logon Mgr no Inited\n");
     goto Exit;
@@ -176,13 +162,13 @@ NTSTATUS sk_ReleaseLogonInfo_Node(PSK_LOGON_MGR LogonMgr, PLOGON_INFO_NODE Node)
     status = STATUS_INVALID_PARAMETER;
     goto Exit;
   }
-  sk_LockShared(&LogonMgr->Lock);
+  skt_AcquireShared(&LogonMgr->Lock);
   if (IsListEmpty(&LogonMgr->NodeList)) {
-    sk_Unlock(&LogonMgr->Lock);
+    skt_Release(&LogonMgr->Lock);
     goto Exit;
   }
   if (!sk_LogonNodeListed(LogonMgr, Node)) {
-    sk_Unlock(&LogonMgr->Lock);
+    skt_Release(&LogonMgr->Lock);
     status = STATUS_INVALID_PARAMETER;
     goto Exit;
   }
@@ -190,11 +176,11 @@ NTSTATUS sk_ReleaseLogonInfo_Node(PSK_LOGON_MGR LogonMgr, PLOGON_INFO_NODE Node)
   for (count = SK_READ_ONCE(Node->RefCount); count >= 2; count = SK_READ_ONCE(Node->RefCount)) {
     if (InterlockedCompareExchange(&Node->RefCount, count - 1, count) == count) break;
   }
-  sk_Unlock(&LogonMgr->Lock);
+  skt_Release(&LogonMgr->Lock);
   if (count >= 2) goto Exit;
 
   // The last reference: remove it, if it is still listed and still unheld once the lock is exclusive.
-  sk_LockExclusive(&LogonMgr->Lock);
+  skt_AcquireExclusive(&LogonMgr->Lock);
   if (sk_LogonNodeListed(LogonMgr, Node) && Node->RefCount == 1) {
     RemoveEntryList(&Node->Link);
     SK_INFO("Remove Node:0x%p UserName:%wZ UserSid:%wZ\n", Node, Node->UserName, Node->UserSid);
@@ -202,7 +188,7 @@ NTSTATUS sk_ReleaseLogonInfo_Node(PSK_LOGON_MGR LogonMgr, PLOGON_INFO_NODE Node)
   } else {
     status = STATUS_INVALID_PARAMETER;
   }
-  sk_Unlock(&LogonMgr->Lock);
+  skt_Release(&LogonMgr->Lock);
   if (removed) sk_FreeLogonNode(LogonMgr, Node);
 Exit:
   SK_LEAVE(status);
@@ -223,7 +209,7 @@ NTSTATUS sk_DelLogonInfo(PSK_LOGON_MGR LogonMgr, PEPROCESS Process) {
     SK_INFO("Windows Default LogonId:0x%I64x\n", logonId);
     goto Exit;
   }
-  sk_LockExclusive(&LogonMgr->Lock);
+  skt_AcquireExclusive(&LogonMgr->Lock);
   node = sk_FindLogonNode(LogonMgr, logonId);
   if (node && node->RefCount == 1) {
     RemoveEntryList(&node->Link);
@@ -231,7 +217,7 @@ NTSTATUS sk_DelLogonInfo(PSK_LOGON_MGR LogonMgr, PEPROCESS Process) {
   } else {
     node = NULL;  // none, or held: a held node outlives its session
   }
-  sk_Unlock(&LogonMgr->Lock);
+  skt_Release(&LogonMgr->Lock);
   if (node) sk_FreeLogonNode(LogonMgr, node);
 Exit:
   SK_LEAVE(status);
@@ -241,13 +227,13 @@ Exit:
 VOID sk_DelAllLogonInfo(PSK_LOGON_MGR LogonMgr) {
   PAGED_CODE();
   SK_ENTER();
-  sk_LockExclusive(&LogonMgr->Lock);
+  skt_AcquireExclusive(&LogonMgr->Lock);
   while (!IsListEmpty(&LogonMgr->NodeList)) {
     PLOGON_INFO_NODE node = CONTAINING_RECORD(RemoveHeadList(&LogonMgr->NodeList), LOGON_INFO_NODE, Link);
     SK_INFO("Del Node:0x%p User:%wZ UserSid:%wZ\n", node, node->UserName, node->UserSid);
     sk_FreeLogonNode(LogonMgr, node);
   }
-  sk_Unlock(&LogonMgr->Lock);
+  skt_Release(&LogonMgr->Lock);
   SK_LEAVE(STATUS_SUCCESS);
 }
 
@@ -258,7 +244,7 @@ static VOID sk_ReapLogonAddThreads(PSK_LOGON_MGR LogonMgr, BOOLEAN Wait) {
   PLIST_ENTRY next;
 
   now.QuadPart = 0;
-  sk_LockExclusive(&LogonMgr->ThreadLock);
+  skt_AcquireExclusive(&LogonMgr->ThreadLock);
   for (entry = LogonMgr->ThreadList.Flink; entry != &LogonMgr->ThreadList; entry = next) {
     PLOGON_ADD_THREAD record = CONTAINING_RECORD(entry, LOGON_ADD_THREAD, Link);
     next = entry->Flink;
@@ -269,7 +255,7 @@ static VOID sk_ReapLogonAddThreads(PSK_LOGON_MGR LogonMgr, BOOLEAN Wait) {
     ObDereferenceObject(record->Thread);
     ExFreePoolWithTag(record, SK_TAG_LOGON_THREAD);
   }
-  sk_Unlock(&LogonMgr->ThreadLock);
+  skt_Release(&LogonMgr->ThreadLock);
 }
 
 // Starts the thread that adds the trigger's session; on success it owns the process reference.
@@ -300,9 +286,9 @@ static NTSTATUS sk_StartLogonAddThread(PSK_LOGON_MGR LogonMgr, PEPROCESS Process
   // thread would go untracked rather than the process reference it owns being released twice.
   if (NT_SUCCESS(ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, (PVOID *)&record->Thread,
                                            NULL))) {
-    sk_LockExclusive(&LogonMgr->ThreadLock);
+    skt_AcquireExclusive(&LogonMgr->ThreadLock);
     InsertTailList(&LogonMgr->ThreadList, &record->Link);
-    sk_Unlock(&LogonMgr->ThreadLock);
+    skt_Release(&LogonMgr->ThreadLock);
   } else {
     SK_ERROR("[sk_LogonNotfiy] ObReferenceObjectByHandle fail\n");
     ExFreePoolWithTag(record, SK_TAG_LOGON_THREAD);

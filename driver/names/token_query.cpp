@@ -55,6 +55,20 @@ static PUNICODE_STRING sk_CopyToBlock(PCUNICODE_STRING Text, ULONG Capacity) {
   return block;
 }
 
+// The checks both token queries start with, and the process's primary token, referenced.
+static NTSTATUS sk_ReferenceToken(PEPROCESS Process, PVOID Output, PACCESS_TOKEN *Token) {
+  if (!Process || !Output) {
+    SK_ERROR("Invalid Parameter\n");
+    return STATUS_INVALID_PARAMETER;
+  }
+  *Token = PsReferencePrimaryToken(Process);
+  if (!*Token) {
+    SK_ERROR("PsReferencePrimaryToken fail\n");
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  return STATUS_SUCCESS;
+}
+
 NTSTATUS skt_SeQueryInformationToken(PEPROCESS Process, PULONG IntegrityCode) {
   NTSTATUS status = STATUS_SUCCESS;
   PACCESS_TOKEN token;
@@ -63,17 +77,8 @@ NTSTATUS skt_SeQueryInformationToken(PEPROCESS Process, PULONG IntegrityCode) {
 
   PAGED_CODE();
   SK_ENTER();
-  if (!Process || !IntegrityCode) {
-    SK_ERROR("Invalid Parameter\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Exit;
-  }
-  token = PsReferencePrimaryToken(Process);
-  if (!token) {
-    SK_ERROR("PsReferencePrimaryToken fail\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
+  status = sk_ReferenceToken(Process, IntegrityCode, &token);
+  if (!NT_SUCCESS(status)) goto Exit;
   status = SeQueryInformationToken(token, TokenIntegrityLevel, &rid);
   // ObDereferenceObject releases a token on every kernel (PsDereferencePrimaryToken's reference
   // page names no Windows version).
@@ -111,17 +116,8 @@ NTSTATUS skt_GetLogonId(PEPROCESS Process, PULONG64 LogonId) {
 
   PAGED_CODE();
   SK_ENTER();
-  if (!Process || !LogonId) {
-    SK_ERROR("Invalid Parameter\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Exit;
-  }
-  token = PsReferencePrimaryToken(Process);
-  if (!token) {
-    SK_ERROR("PsReferencePrimaryToken fail\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
+  status = sk_ReferenceToken(Process, LogonId, &token);
+  if (!NT_SUCCESS(status)) goto Exit;
   status = sk_TokenLogonId(token, LogonId);
   ObDereferenceObject(token);
   if (NT_SUCCESS(status)) SK_INFO("Process 0x%p LogonId:0x%0x\n", Process, (ULONG)*LogonId);

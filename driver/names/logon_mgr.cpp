@@ -104,22 +104,27 @@ Exit:
   return status;
 }
 
+// The checks a lookup and a release start with: the table running, and the node argument given.
+static NTSTATUS sk_CheckLogonCall(PSK_LOGON_MGR LogonMgr, const VOID *Node) {
+  if (!sk_LogonMgrInited(LogonMgr)) {
+    SK_ERROR("Logon Mgr no Inited\n");
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  if (!Node) {
+    SK_ERROR("Invalid Parameter\n");
+    return STATUS_INVALID_PARAMETER;
+  }
+  return STATUS_SUCCESS;
+}
+
 NTSTATUS sk_LookupLogonInfo_LogonId(PSK_LOGON_MGR LogonMgr, ULONG64 LogonId, PLOGON_INFO_NODE *Node) {
   NTSTATUS status = STATUS_SUCCESS;
   PLOGON_INFO_NODE node = NULL;
 
   PAGED_CODE();
   SK_ENTER();
-  if (!sk_LogonMgrInited(LogonMgr)) {
-    SK_ERROR("Logon Mgr no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
-  if (!Node) {
-    SK_ERROR("Invalid Parameter\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Exit;
-  }
+  status = sk_CheckLogonCall(LogonMgr, Node);
+  if (!NT_SUCCESS(status)) goto Exit;
   skt_AcquireShared(&LogonMgr->Lock);
   if (sk_LogonMgrInited(LogonMgr)) {
     node = sk_FindLogonNode(LogonMgr, LogonId);
@@ -152,16 +157,8 @@ NTSTATUS sk_ReleaseLogonInfo_Node(PSK_LOGON_MGR LogonMgr, PLOGON_INFO_NODE Node)
 
   PAGED_CODE();
   SK_ENTER();
-  if (!sk_LogonMgrInited(LogonMgr)) {
-    SK_ERROR("Logon Mgr no Inited\n");
-    status = STATUS_INSUFFICIENT_RESOURCES;
-    goto Exit;
-  }
-  if (!Node) {
-    SK_ERROR("Invalid Parameter\n");
-    status = STATUS_INVALID_PARAMETER;
-    goto Exit;
-  }
+  status = sk_CheckLogonCall(LogonMgr, Node);
+  if (!NT_SUCCESS(status)) goto Exit;
   skt_AcquireShared(&LogonMgr->Lock);
   if (IsListEmpty(&LogonMgr->NodeList)) {
     skt_Release(&LogonMgr->Lock);
@@ -308,7 +305,6 @@ VOID sk_LogonNotfiy(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create) {
   PSK_LOGON_MGR logonMgr = &SentrelData.LogonMgr;
   PEPROCESS process = NULL;
   PUNICODE_STRING imagePath = NULL;
-  ULONG64 logonId = 0;
 
   UNREFERENCED_PARAMETER(ParentId);
   PAGED_CODE();
@@ -332,9 +328,7 @@ VOID sk_LogonNotfiy(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create) {
     // The user name is not asked here, inside the notification: a thread of its own does it.
     if (NT_SUCCESS(sk_StartLogonAddThread(logonMgr, process))) process = NULL;  // the thread's now
   } else {
-    if (NT_SUCCESS(skt_GetLogonId(process, &logonId))) {
-      // The package cache's logon record of this session is dropped here once the cache exists.
-    }
+    // The package cache's logon record of this session is dropped here once the cache exists.
     sk_DelLogonInfo(logonMgr, process);
   }
 Exit:

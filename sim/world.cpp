@@ -538,6 +538,12 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
   ULONG integrityRid = spec.integrityRid ? *spec.integrityRid : creatorToken->integrityRid;
   if (!k.se.Find(logonId)) Stop("CreateProcess: logon session " + std::to_string(logonId) + " is not logged on");
   if (spec.pid && k.ps.FindProcess(spec.pid)) Stop("CreateProcess: process id " + std::to_string(spec.pid) + " is in use");
+  // The parameter block's strings are counted strings with their terminator: 32,766 characters.
+  for (const std::u16string* text : {&spec.imagePath, &spec.commandLine, &spec.currentDirectory}) {
+    if (text->size() > kMaxProcessParameterChars) {
+      Stop("CreateProcess: a process parameter of " + std::to_string(text->size()) + " characters (32,766 at most)");
+    }
+  }
   _KPROCESS* process = k.ps.CreateProcess(spec.pid, spec.imagePath, spec.parentPid, spec.commandLine,
                                           [&](_KPROCESS* made) {
                                             made->token = k.se.CreateToken(logonId, integrityRid, spec.sessionId);

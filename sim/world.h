@@ -28,6 +28,10 @@ class World;
 // A process to create: its id (0: the next free one), its parent (the System process by default)
 // and the process whose thread creates it (the parent by default), its executable's NT path and
 // command line as the creation notifications report them, and what its parameter block holds.
+// The longest image path, command line or current directory a process can be given: Windows
+// counts 32,767 characters with the terminating zero.
+constexpr size_t kMaxProcessParameterChars = 32766;
+
 struct ProcessSpec {
   uint64_t pid = 0;
   uint64_t parentPid = 4;

@@ -112,8 +112,8 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   PAGED_CODE();
   SK_ENTER();
   switch (code) {
-    // The producer-driver table, the kernel interface and the process descriptions are not built
-    // yet: after this routine's own checks, these codes answer STATUS_NOT_IMPLEMENTED until they are.
+    // The producer-driver table and the kernel interface are not built yet: after this routine's
+    // own checks, these codes answer STATUS_NOT_IMPLEMENTED until they are.
     case IOCTL_SK_REGISTER_PRODUCER:
       SK_INFO("IOCTL_SK_REGISTER_PRODUCER\n");
       if (sk_RefuseUserMode(&status)) break;
@@ -181,13 +181,17 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         information = 4;
         break;
       }
-      if (!sk_MapDirectBuffer(Irp)) {
+      mapped = sk_MapDirectBuffer(Irp);
+      if (!mapped) {
         SK_ERROR("MmGetSystemAddressForMdlSafe fail\n");
         status = STATUS_INSUFFICIENT_RESOURCES;
         break;
       }
-      status = STATUS_NOT_IMPLEMENTED;  // process descriptions come with the package builder
-      information = SK_NO_INFORMATION;
+      {
+        ULONG answered = 0;
+        status = sk_QueryPackCommonInformation(*(PULONG)systemBuffer, outputLength, mapped, &answered);
+        information = NT_SUCCESS(status) ? answered : SK_NO_INFORMATION;
+      }
       break;
     case IOCTL_APP_REGISTER_CONSUMER:
     case IOCTL_APP_REGISTER_PRODUCER:

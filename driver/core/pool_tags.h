@@ -30,4 +30,9 @@
 #define SK_TAG_PROC_TABLE 'PeTg'      // "gTeP": process table elements, and image-load work items
 #define SK_TAG_PROC_BLOCK 'nDTg'      // "gTDn": process node blocks before they enter the table
 #define SK_TAG_IMAGE_NODE 'imTg'      // "gTmi": image table elements
-#define SK_TAG_PROC_TREE 'ptiF'       // "Fitp": process-tree records handed to callers
+#define SK_TAG_PROC_TREE 'ptiF'       // "Fitp": process-tree packages
+#define SK_TAG_PROC_INFO_PACKAGE 'pciG'   // "Gicp": process-information packages
+#define SK_TAG_LOGON_PACKAGE 'lgiG'       // "Gigl": logon packages
+#define SK_TAG_PROC_INFO_CACHE 'pctG'     // "Gtcp": the process-information package table's elements
+#define SK_TAG_LOGON_CACHE 'LcTg'         // "gTcL": the logon package table's elements
+#define SK_TAG_PROC_TREE_CACHE 'pttG'     // "Gttp": the process-tree package table's elements

@@ -18,7 +18,7 @@ SENTREL_DATA SentrelData;
 // The managers, in start-up order; they stop in the reverse order, except that a manager marked
 // StopsAfterPrevious stops right after the one started before it (the white rule set after the
 // black one). Each later manager takes its place here as it lands (the stack hook before the path
-// cache; the package cache before the message queues; the producer interface last).
+// cache; the producer interface last).
 typedef struct _SK_MANAGER {
   const char *StartName;
   NTSTATUS (*Start)(void);
@@ -41,6 +41,9 @@ static NTSTATUS sk_StopImageMgr(void) { return sk_UninitImageMgr(&SentrelData.Im
 static NTSTATUS sk_StartProcessMgr(void) { return sk_InitProcessMgr(&SentrelData.ProcessMgr); }
 static NTSTATUS sk_StopProcessMgr(void) { return sk_UninitProcessMgr(&SentrelData.ProcessMgr); }
 
+static NTSTATUS sk_StartPackageCacheMgr(void) { return sk_InitPackageCacheMgr(&SentrelData.PackageCacheMgr); }
+static NTSTATUS sk_StopPackageCacheMgr(void) { return sk_UninitPackageCacheMgr(&SentrelData.PackageCacheMgr); }
+
 static NTSTATUS sk_StartProcMsgMgr(void) { return sk_InitProcMsgMgr(&SentrelData.ProcMsgMgr); }
 static NTSTATUS sk_StopProcMsgMgr(void) { return sk_UninitProcMsgMgr(&SentrelData.ProcMsgMgr); }
 
@@ -59,7 +62,7 @@ static const SK_MANAGER SkManagers[] = {
     {"sk_InitDosNameMgr", sk_StartDosNameMgr, "sk_UninitDosNameMgr", sk_StopDosNameMgr, FALSE},
     {"sk_InitImageMgr", sk_StartImageMgr, "sk_UninitImageMgr", sk_StopImageMgr, FALSE},
     {"sk_InitProcessMgr", sk_StartProcessMgr, "sk_UninitProcessMgr", sk_StopProcessMgr, FALSE},
-    // The package cache comes here, before the message queues.
+    {"sk_InitPackageCacheMgr", sk_StartPackageCacheMgr, "sk_UninitPackageCacheMgr", sk_StopPackageCacheMgr, FALSE},
     {"sk_InitProcMsgMgr", sk_StartProcMsgMgr, "sk_UninitProcMsgMgr", sk_StopProcMsgMgr, FALSE},
     {NULL, NULL, NULL, NULL, FALSE},  // end of the table
 };

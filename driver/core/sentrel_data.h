@@ -10,6 +10,7 @@
 #include "names/dos_name.h"
 #include "names/logon_mgr.h"
 #include "monitor/image_mgr.h"
+#include "monitor/package_cache.h"
 #include "monitor/process_mgr.h"
 #include "names/path_cache.h"
 #include "rules/rule_mgr.h"
@@ -51,7 +52,7 @@ typedef struct _SENTREL_DATA {
   SK_LOGON_MGR LogonMgr;
   RuleMgr WhiteRuleMgr;
   RuleMgr BlackRuleMgr;
-  // The package cache joins here.
+  SK_PACKAGE_CACHE_MGR PackageCacheMgr;
   SK_RING_BUF RingBuf;
   PSK_SE_LOCATE_PROCESS_IMAGE_NAME SeLocateProcessImageName;
   PSK_PS_REFERENCE_PROCESS_FILE_POINTER PsReferenceProcessFilePointer;

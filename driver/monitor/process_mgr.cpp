@@ -7,6 +7,7 @@
 #include "core/table_compare.h"
 #include "monitor/callback_plus.h"
 #include "monitor/image_mgr.h"
+#include "monitor/package_block.h"
 #include "monitor/process_query.h"
 #include "names/path_convert.h"
 #include "names/string_block.h"
@@ -329,11 +330,34 @@ NTSTATUS sk_DelProcInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLONG C
   if (!sk_ProcessMgrInited(ProcessMgr)) return STATUS_INSUFFICIENT_RESOURCES;
   skt_AcquireExclusive(&ProcessMgr->Lock);
   node = sk_FindProcNode(ProcessMgr, (ULONG64)(ULONG_PTR)ProcessId, CreateTime);
+  if (node) InterlockedOr(&node->Flags, SK_PROC_FLAG_EXITED);
   if (node && InterlockedDecrement(&node->RefCount) == 0) {
     sk_DelProcTreeInternal_Unlock(ProcessMgr, ProcessId, CreateTime);
   }
   skt_Release(&ProcessMgr->Lock);
   return STATUS_SUCCESS;
+}
+
+VOID sk_SetProcInfoExited(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLONG CreateTime) {
+  PPROC_INFO_NODE node;
+  PAGED_CODE();
+  if (!sk_ProcessMgrInited(ProcessMgr)) return;
+  skt_AcquireShared(&ProcessMgr->Lock);
+  node = sk_FindProcNode(ProcessMgr, (ULONG64)(ULONG_PTR)ProcessId, CreateTime);
+  if (node) InterlockedOr(&node->Flags, SK_PROC_FLAG_EXITED);
+  skt_Release(&ProcessMgr->Lock);
+}
+
+BOOLEAN sk_IsProcInfoLive(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLONG CreateTime) {
+  PPROC_INFO_NODE node;
+  BOOLEAN live;
+  PAGED_CODE();
+  if (!sk_ProcessMgrInited(ProcessMgr)) return FALSE;
+  skt_AcquireShared(&ProcessMgr->Lock);
+  node = sk_FindProcNode(ProcessMgr, (ULONG64)(ULONG_PTR)ProcessId, CreateTime);
+  live = node && !(SK_READ_ONCE(node->Flags) & SK_PROC_FLAG_EXITED);
+  skt_Release(&ProcessMgr->Lock);
+  return live;
 }
 
 NTSTATUS sk_DelProcTreeInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId) {
@@ -468,7 +492,10 @@ NTSTATUS sk_GetProcTreeInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLO
     goto Exit;
   }
   skt_AcquireShared(&ProcessMgr->Lock);
-  for (node = sk_FindProcNode(ProcessMgr, (ULONG64)(ULONG_PTR)ProcessId, CreateTime); node;
+  // Creators go back in time, but two processes created in the same clock tick could name each
+  // other after an id was reused: the walk stops at the nearest SK_PROC_TREE_MAX_ENTRIES.
+  for (node = sk_FindProcNode(ProcessMgr, (ULONG64)(ULONG_PTR)ProcessId, CreateTime);
+       node && count < SK_PROC_TREE_MAX_ENTRIES;
        node = node->CreatorCreateTime ? sk_FindProcNode(ProcessMgr, node->CreatorProcessId, node->CreatorCreateTime)
                                       : NULL) {
     ++count;
@@ -480,14 +507,13 @@ NTSTATUS sk_GetProcTreeInfo(PSK_PROCESS_MGR ProcessMgr, HANDLE ProcessId, LONGLO
     goto Exit;
   }
   size = SK_PROC_TREE_HEADER_SIZE + SK_PROC_TREE_ENTRY_SIZE * count;
-  record = (PUCHAR)ExAllocatePoolWithTag(PagedPool, size, SK_TAG_PROC_TREE);
+  record = (PUCHAR)sk_AllocatePackage(size, SK_TAG_PROC_TREE);
   if (!record) {
     skt_Release(&ProcessMgr->Lock);
     SK_ERROR("Info alloc fail\n");
     status = STATUS_INSUFFICIENT_RESOURCES;
     goto Exit;
   }
-  RtlZeroMemory(record, size);
   ((PULONG)record)[0] = size;
   ((PULONG)record)[1] = SK_PROC_TREE_KIND;
   ((PULONG)record)[2] = size;

@@ -6,12 +6,14 @@
 
 #include "platform/nt.h"
 #include "names/path_cache.h"
+#include "sentrel/package.h"
 
 #define SK_PROCESS_MGR_INITED 0x1
 
 // PROC_INFO_NODE.Flags
 #define SK_PROC_FLAG_WOW64 0x1
 #define SK_PROC_FLAG_NOT_REPORTED 0x2  // the creation is reported at the first image load handled
+#define SK_PROC_FLAG_EXITED 0x4        // the process's exit was seen; the node stays for its descendants
 
 typedef struct _PROC_INFO_NODE {
   USHORT Tag;  // SK_RECORD_PROC_NODE
@@ -99,8 +101,15 @@ NTSTATUS sk_DelProcInfo(_Inout_ PSK_PROCESS_MGR ProcessMgr, _In_ HANDLE ProcessI
 _IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS sk_DelProcTreeInternal_Unlock(_Inout_ PSK_PROCESS_MGR ProcessMgr, _In_ HANDLE ProcessId,
                                        _In_ LONGLONG CreateTime);
-// The process-tree record of a process and its chain of creators (paged pool, tag "Fitp", the
-// caller's).
+// Marks the node's process as exited, as the table's own exit step does; the package cache marks it
+// before it drops the process's packages, whichever of the two subscribers runs first.
+_IRQL_requires_max_(PASSIVE_LEVEL)
+VOID sk_SetProcInfoExited(_Inout_ PSK_PROCESS_MGR ProcessMgr, _In_ HANDLE ProcessId, _In_ LONGLONG CreateTime);
+// Whether the process's node exists and its exit has not been seen.
+_IRQL_requires_max_(PASSIVE_LEVEL)
+BOOLEAN sk_IsProcInfoLive(_Inout_ PSK_PROCESS_MGR ProcessMgr, _In_ HANDLE ProcessId, _In_ LONGLONG CreateTime);
+// The process-tree record of a process and its chain of creators, at most SK_PROC_TREE_MAX_ENTRIES
+// of them: a package block (tag "Fitp") with the caller's use, given back with sk_ReleasePackage.
 _IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS sk_GetProcTreeInfo(_Inout_ PSK_PROCESS_MGR ProcessMgr, _In_ HANDLE ProcessId, _In_ LONGLONG CreateTime,
                             _Out_ PVOID *Record, _Out_ PULONG RecordSize);

@@ -328,7 +328,10 @@ VOID sk_LogonNotfiy(HANDLE ParentId, HANDLE ProcessId, BOOLEAN Create) {
     // The user name is not asked here, inside the notification: a thread of its own does it.
     if (NT_SUCCESS(sk_StartLogonAddThread(logonMgr, process))) process = NULL;  // the thread's now
   } else {
-    // The package cache's logon record of this session is dropped here once the cache exists.
+    ULONG64 logonId;
+    if (NT_SUCCESS(skt_GetLogonId(process, &logonId))) {
+      sk_DelLogonInfoCacheInternal(&SentrelData.PackageCacheMgr, logonId);
+    }
     sk_DelLogonInfo(logonMgr, process);
   }
 Exit:

@@ -4,6 +4,7 @@
 // offset and a 16-bit byte length (SK_STRING_REF); an absent string has offset 0 and length 0.
 #pragma once
 
+#include "sentrel/ring_buffer.h"
 #include "sentrel/wire_types.h"
 
 // Opens every package, every event body and the query answer.
@@ -17,6 +18,17 @@ typedef struct _SK_STRING_REF {
   SK_UINT16 Offset;  // from the start of the package (or event data record)
   SK_UINT16 Length;  // bytes
 } SK_STRING_REF;
+
+// The longest packages the driver builds, so that an event carrying all three still fits one
+// ring-buffer slot with room for its own data. Strings that would not fit are shortened: see
+// docs/packages.md.
+#define SK_PROC_INFO_PACKAGE_MAX 0x8000u
+#define SK_LOGON_INFO_PACKAGE_MAX 0x1000u
+#define SK_PROC_TREE_MAX_ENTRIES 64u  // the process and its nearest creators
+#define SK_PROC_TREE_INFO_PACKAGE_MAX (16u + 132u * SK_PROC_TREE_MAX_ENTRIES)
+// The longest answer to IOCTL_SK_QUERY_PACKCOMINFO.
+#define SK_PACK_COMMON_INFO_MAX \
+  (12u + SK_PROC_INFO_PACKAGE_MAX + SK_LOGON_INFO_PACKAGE_MAX + SK_PROC_TREE_INFO_PACKAGE_MAX)
 
 // Package kinds (PACKAGE_HEADER.Type of a package).
 #define SK_PACKAGE_PROC_INFO 1u
@@ -87,3 +99,22 @@ SK_STATIC_ASSERT(SK_OFFSETOF(LOGON_INFO_PACKAGE, UserName) == 0x18, "UserName");
 SK_STATIC_ASSERT(SK_OFFSETOF(LOGON_INFO_PACKAGE, UserSid) == 0x1C, "UserSid");
 SK_STATIC_ASSERT(sizeof(PROC_TREE_INFO_PACKAGE) == 16, "PROC_TREE_INFO_PACKAGE fixed part");
 SK_STATIC_ASSERT(sizeof(PROC_TREE_ENTRY) == 132, "PROC_TREE_ENTRY");
+SK_STATIC_ASSERT(sizeof(PROC_TREE_INFO_PACKAGE) + SK_PROC_TREE_MAX_ENTRIES * sizeof(PROC_TREE_ENTRY) ==
+                     SK_PROC_TREE_INFO_PACKAGE_MAX,
+                 "the longest tree package");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_INFO_PACKAGE, CreatorProcessIdentity) == 0x2C, "CreatorProcessIdentity");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_INFO_PACKAGE, CommandLine) == 0x40, "CommandLine");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_INFO_PACKAGE, CreatorUserName) == 0x44, "CreatorUserName");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_INFO_PACKAGE, CreatorCommandLine) == 0x48, "CreatorCommandLine");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_INFO_PACKAGE, CreatorImagePath) == 0x4C, "CreatorImagePath");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_INFO_PACKAGE, ImageName) == 0x50, "ImageName");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_INFO_PACKAGE, ProcessId) == 0x0C, "ProcessId");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_INFO_PACKAGE, IntegrityLevel) == 0x18, "IntegrityLevel");
+SK_STATIC_ASSERT(SK_OFFSETOF(LOGON_INFO_PACKAGE, SessionId) == 0x0C, "SessionId");
+SK_STATIC_ASSERT(SK_OFFSETOF(LOGON_INFO_PACKAGE, LogonIdLow) == 0x10, "LogonId");
+SK_STATIC_ASSERT(SK_OFFSETOF(LOGON_INFO_PACKAGE, Reserved) == 0x20, "Reserved");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_TREE_INFO_PACKAGE, Count) == 0x0C, "Count");
+SK_STATIC_ASSERT(SK_OFFSETOF(PROC_TREE_ENTRY, ImageName) == 4, "tree entry name");
+// An event: the packet header (44 bytes), the body's header (12), the packages, then its data.
+SK_STATIC_ASSERT(44u + SK_PACK_COMMON_INFO_MAX + 16384u <= RB_MAX_PACKET_LENGTH,
+                 "an event with the longest packages has 16 KiB left for its data in a slot");

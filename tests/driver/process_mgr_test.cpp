@@ -15,6 +15,7 @@
 #include "core/sentrel_data.h"
 #include "monitor/image_mgr.h"
 #include "monitor/process_mgr.h"
+#include "monitor/package_block.h"
 #include "names/string_block.h"
 #include "test_support.h"
 
@@ -113,7 +114,7 @@ class ProcessMgrTest : public ::testing::Test {
         EXPECT_EQ(name[63], 0) << "at most 63 characters";
         entries.emplace_back(*reinterpret_cast<ULONG*>(entry), std::u16string(name));
       }
-      ExFreePoolWithTag(record, SK_TAG_PROC_TREE);
+      sk_ReleasePackage(record);
       return 0;
     });
     return entries;
@@ -427,7 +428,7 @@ TEST_F(ProcessMgrTest, ABusyMachine) {
             ULONG size = 0;
             if (NT_SUCCESS(sk_GetProcTreeInfo(&SentrelData.ProcessMgr, (HANDLE)pid,
                                               PsGetProcessCreateTimeQuadPart(process), &record, &size))) {
-              ExFreePoolWithTag(record, SK_TAG_PROC_TREE);
+              sk_ReleasePackage(record);
             }
             ObDereferenceObject(process);
           }

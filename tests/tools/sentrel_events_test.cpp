@@ -236,13 +236,21 @@ TEST_F(SentrelEventsTest, RulesAndMaskReachTheDriverAndABadRulesFileChangesNothi
   EXPECT_NE(again.messages.find("uploading 2 white rules failed"), std::string::npos) << again.messages;
 }
 
-TEST_F(SentrelEventsTest, ADescriptionTheDriverCannotGiveIsARefusal) {
+TEST_F(SentrelEventsTest, DescribesARunningProcessAndRefusesTheSystemProcess) {
   SimDevice& consumer = Open(u"sentrel-events.exe");
-  RunOutput output = Run(consumer, {"--describe", "4"});
-  // This driver answers the question with STATUS_NOT_IMPLEMENTED until process packages exist.
-  EXPECT_EQ(output.status, sentrel_events::kExitRefused);
-  EXPECT_NE(output.messages.find("did not describe process 4: not implemented by this driver"), std::string::npos)
-      << output.messages;
+  RunOutput described = Run(consumer, {"--describe", std::to_string(consumer.Process().Id()).c_str()});
+  ASSERT_EQ(described.status, sentrel_events::kExitOk) << described.messages;
+  ASSERT_EQ(described.lines.size(), 1u);
+  const Json& line = described.lines[0]["description"];
+  EXPECT_EQ(line["process"]["image_name"], "sentrel-events.exe") << line.dump();
+  EXPECT_EQ(line["tree"][0]["process_id"], consumer.Process().Id());
+  EXPECT_TRUE(line["logon"]["user_name"].is_string());
+
+  // The System process has no place in the process table.
+  RunOutput refused = Run(consumer, {"--describe", "4"});
+  EXPECT_EQ(refused.status, sentrel_events::kExitRefused);
+  EXPECT_NE(refused.messages.find("did not describe process 4: invalid parameter"), std::string::npos)
+      << refused.messages;
 }
 
 TEST(SentrelEventsOptionsTest, OptionsAndTheirMistakes) {

@@ -16,8 +16,9 @@ namespace {
 // Room for the mapping answer of the largest machine Windows runs on (2048 logical processors):
 // a failed request does not say how much it needed.
 constexpr uint32_t kMaxBuffers = 2048;
-// The description of one process: three packages with their strings.
-constexpr uint32_t kDescriptionRoom = 64 * 1024;
+// The description of one process: the driver keeps its three packages within these bounds, and a
+// too-short buffer is refused without saying how much was needed.
+constexpr uint32_t kDescriptionRoom = SK_PACK_COMMON_INFO_MAX;
 
 }  // namespace
 

@@ -259,3 +259,101 @@ TEST(SentrelSimTest, TheProcessAndImageTablesFollowTheScenario) {
 }
 
 }  // namespace
+
+namespace {
+
+// The consumer's question about one process, answered from the driver's packages: a user's script
+// host three creators deep, a service nobody known created, the answer's length rules, and what
+// exits take away.
+std::string QueryScenario(uint64_t room) {
+  const std::string debugKey = "\\\\Registry\\\\Machine\\\\System\\\\CurrentControlSet\\\\Services\\\\Sentrel\\\\Debug";
+  auto op = [](const std::string& text) { return "{" + text + "}\n"; };
+  return op("\"op\":\"registry\",\"key\":\"" + debugKey + "\",\"value\":\"PrintLevel\",\"type\":\"REG_DWORD\",\"data\":5") +
+         op("\"op\":\"registry\",\"key\":\"" + debugKey + "\",\"value\":\"TraceLevel\",\"type\":\"REG_DWORD\",\"data\":\"0x2004\"") +
+         op("\"op\":\"logon\",\"logon\":\"0x7a100\",\"user\":\"SENTREL-LAB\\\\mallory\",\"sid\":\"S-1-5-21-7-8-9-1337\",\"session\":2") +
+         op("\"op\":\"process\",\"pid\":1000,\"image\":\"C:\\\\Windows\\\\explorer.exe\",\"logon\":\"0x7a100\",\"session\":2") +
+         op("\"op\":\"process\",\"pid\":1010,\"image\":\"C:\\\\Windows\\\\System32\\\\dwm.exe\",\"logon\":\"0x7a100\",\"session\":2") +
+         op("\"op\":\"load\"") +
+         op("\"op\":\"consumer\",\"pid\":50") +
+         op("\"op\":\"process\",\"pid\":1100,\"ppid\":1000,\"image\":\"C:\\\\Windows\\\\System32\\\\cmd.exe\","
+            "\"cmdline\":\"cmd.exe /c run.ps1\",\"cwd\":\"C:\\\\Users\\\\mallory\\\\\"") +
+         op("\"op\":\"process\",\"pid\":1200,\"ppid\":1100,\"image\":\"C:\\\\Windows\\\\System32\\\\WindowsPowerShell\\\\v1.0\\\\powershell.exe\","
+            "\"cmdline\":\"powershell.exe -enc SQBFAFgA\",\"cwd\":\"C:\\\\Users\\\\mallory\\\\\",\"integrity\":\"high\"") +
+         op("\"op\":\"process\",\"pid\":1300,\"image\":\"C:\\\\Windows\\\\System32\\\\svchost.exe\",\"cmdline\":\"svchost.exe -k netsvcs\"") +
+         op("\"op\":\"query\",\"pid\":1200") + op("\"op\":\"query\",\"pid\":1200") + op("\"op\":\"query\",\"pid\":1300") +
+         op("\"op\":\"query\",\"pid\":1200,\"room\":" + std::to_string(room)) +
+         op("\"op\":\"query\",\"pid\":1200,\"room\":" + std::to_string(room - 1)) +
+         op("\"op\":\"exit\",\"pid\":1200") + op("\"op\":\"query\",\"pid\":1200") +
+         op("\"op\":\"exit\",\"pid\":1010") + op("\"op\":\"unload\"");
+}
+
+TEST(SentrelSimTest, TheConsumerQueriesAProcessAndSeesItsThreePackages) {
+  // A first run learns the answer's length, a second asks with exactly that room and one byte less.
+  uint64_t length = Scenario(QueryScenario(100)).Reply("query")["length"].get<uint64_t>();
+  Output run = Scenario(QueryScenario(length), true);
+  Json first = run.Reply("query");
+  ASSERT_EQ(first["status"], "0x00000000") << first.dump();
+  EXPECT_EQ(first["length"], length);
+  const Json& process = first["process"];
+  EXPECT_EQ(process["process_id"], 1200);
+  EXPECT_EQ(process["creator_process_id"], 1100);
+  EXPECT_EQ(process["parent_process_id"], 1100);
+  EXPECT_EQ(process["integrity_level"], 4);
+  EXPECT_EQ(process["image_path"], "C:\\Windows\\System32\\WindowsPowerShell\\v1.0\\powershell.exe");
+  EXPECT_EQ(process["command_line"], "powershell.exe -enc SQBFAFgA");
+  EXPECT_EQ(process["current_directory"], "C:\\Users\\mallory\\");
+  EXPECT_EQ(process["image_name"], "powershell.exe");
+  EXPECT_EQ(process["creator_image_path"], "C:\\Windows\\System32\\cmd.exe");
+  EXPECT_EQ(process["creator_user_name"], "SENTREL-LAB\\mallory");
+  EXPECT_EQ(process["creator_command_line"], "cmd.exe /c run.ps1");
+  EXPECT_NE(process["creator_process_identity"], std::string(32, '0'));
+  EXPECT_EQ(first["logon"]["user_name"], "SENTREL-LAB\\mallory");
+  EXPECT_EQ(first["logon"]["user_sid"], "S-1-5-21-7-8-9-1337");
+  EXPECT_EQ(first["logon"]["session_id"], 2);
+  EXPECT_EQ(first["logon"]["logon_id"], 0x7a100);
+  ASSERT_EQ(first["tree"].size(), 3u);
+  EXPECT_EQ(first["tree"][0], (Json{{"process_id", 1200}, {"image_name", "powershell.exe"}}));
+  EXPECT_EQ(first["tree"][1], (Json{{"process_id", 1100}, {"image_name", "cmd.exe"}}));
+  EXPECT_EQ(first["tree"][2], (Json{{"process_id", 1000}, {"image_name", "Explorer.EXE"}})) << "as the volume spells it";
+  Json second = run.Reply("query", 1);
+  EXPECT_EQ(second, first) << "asked again, the same packages";
+
+  // Created by the System process: its creator is not known.
+  Json lone = run.Reply("query", 2);
+  ASSERT_EQ(lone["status"], "0x00000000");
+  EXPECT_EQ(lone["tree"].size(), 1u);
+  EXPECT_EQ(lone["process"]["creator_process_id"], 4);
+  EXPECT_EQ(lone["process"]["creator_process_identity"], std::string(32, '0'));
+  for (const char* field : {"creator_image_path", "creator_user_name", "creator_command_line"}) {
+    EXPECT_TRUE(lone["process"][field].is_null()) << field;
+  }
+
+  EXPECT_EQ(run.Reply("query", 3)["status"], "0x00000000") << "exactly the needed room";
+  Json tooShort = run.Reply("query", 4);
+  EXPECT_EQ(tooShort["status"], "0x80000005");
+  EXPECT_EQ(tooShort["written"], false);
+  Json gone = run.Reply("query", 5);
+  EXPECT_NE(gone["status"], "0x00000000");
+  EXPECT_EQ(gone["written"], false);
+
+  std::vector<std::string> log;
+  for (const Json& line : run.With("log")) log.push_back(line["log"].get<std::string>());
+  auto logged = [&](const std::string& text) {
+    return std::any_of(log.begin(), log.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
+  };
+  char needed[64];
+  std::snprintf(needed, sizeof needed, "NeedLength:0x%llx", static_cast<unsigned long long>(length));
+  EXPECT_TRUE(logged(needed)) << "the driver's log names the length it needed";
+  EXPECT_TRUE(logged("Del ProcCacheNode Pid:1200 "));
+  EXPECT_TRUE(logged("Del ProcTreeCacheNode Pid:1200 "));
+  // The session's package outlives the script host and goes with dwm.exe.
+  auto at = [&](const std::string& text) {
+    return std::find_if(log.begin(), log.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
+  };
+  EXPECT_LT(at("Del ProcCacheNode Pid:1200 "), at("Del LogonCacheNode LogonId:0x7a100 "));
+  EXPECT_LT(at("Del LogonCacheNode LogonId:0x7a100 "), at("sk_UninitPackageCacheMgr Entry"));
+  EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
+  EXPECT_EQ(run.status, 0);
+}
+
+}  // namespace

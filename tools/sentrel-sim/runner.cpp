@@ -1,5 +1,6 @@
 #include "runner.h"
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -8,6 +9,7 @@
 #include "scenario.h"
 #include "sentrel/control_codes.h"
 #include "sentrel/loss_counters.h"
+#include "sentrel/package.h"
 #include "sentrel/packet_build.h"
 #include "sentrel/ring_buffer.h"
 #include "sentrel_sdk/event_decoder.h"
@@ -336,6 +338,8 @@ class Runner {
     } else if (name == "drain") {
       size_t read = Drain();
       Reply(op, {{"events", read}});
+    } else if (name == "query") {
+      Query(op);
     }
   }
 
@@ -400,6 +404,11 @@ class Runner {
       std::optional<ULONG> rid = IntegrityRid(Text(f, "integrity"));
       if (!rid) return Refuse(op, "integrity is untrusted, low, medium, medium_plus, high, system, protected or a 0x RID");
       spec.integrityRid = *rid;
+    }
+    for (const char* field : {"image", "cmdline", "cwd"}) {
+      if (Has(f, field) && Utf16(Text(f, field)).size() > ntsim::kMaxProcessParameterChars) {
+        return Refuse(op, std::string(field) + " is longer than Windows allows (32,766 characters)");
+      }
     }
     spec.pid = pid;
     spec.parentPid = ppid;
@@ -472,6 +481,37 @@ class Runner {
     uint64_t tid = world_->StartThread(*process, creator, start);
     Json reply = {{"pid", f["pid"]}, {"tid", tid}, {"start", HexNumber(start)}};
     NotSimulated(f, {"tid", "by_tid"}, &reply);
+    Reply(op, reply);
+  }
+
+  // The consumer asks for the three packages of a process, into an answer buffer of `room` bytes
+  // (by default the longest answer there can be). A refused answer says whether the driver wrote
+  // into the buffer anyway.
+  void Query(const Op& op) {
+    constexpr uint8_t kUnwritten = 0xA5;
+    const Json& f = op.fields;
+    if (!NeedDriver(op)) return;
+    if (!consumer_) return Refuse(op, "no consumer is running");
+    uint64_t pid = Number(f, "pid");
+    uint64_t room = Number(f, "room", SK_PACK_COMMON_INFO_MAX);
+    if (pid > 0xFFFFFFFF) return Refuse(op, "pid must fit 32 bits");
+    if (room > 0x100000) return Refuse(op, "room is at most 1 MiB");
+    std::vector<uint8_t> in(4), answer(room, kUnwritten);
+    sk_StoreLe32(in.data(), 0, static_cast<uint32_t>(pid));
+    IoResult result = Control(*consumer_, IOCTL_SK_QUERY_PACKCOMINFO, in, &answer);
+    Json reply = {{"pid", pid}, {"status", Status(result.status)}, {"info", result.information}};
+    if (result.status == STATUS_SUCCESS && result.information <= answer.size()) {
+      Json description = Json::object();
+      std::string problem;
+      if (sentrel_sdk::DecodeProcessDescription(answer.data(), result.information, &description, &problem)) {
+        reply["length"] = result.information;
+        for (auto& [key, value] : description.items()) reply[key] = value;
+      } else {
+        reply["malformed"] = problem;
+      }
+    } else {
+      reply["written"] = std::any_of(answer.begin(), answer.end(), [](uint8_t b) { return b != kUnwritten; });
+    }
     Reply(op, reply);
   }
 

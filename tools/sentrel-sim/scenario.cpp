@@ -58,6 +58,7 @@ const std::map<std::string, std::vector<Field>>& Schema() {
         {"out_len", Kind::Number, false}}},
       {"write", {{"pid", Kind::Number, true}, {"hex", Kind::Hex, true}}},
       {"drain", {}},
+      {"query", {{"pid", Kind::Number, true}, {"room", Kind::Number, false}}},
       {"losses", {}},
   };
   return schema;

@@ -62,13 +62,14 @@ static VOID sk_SetPackString(PSK_PACK_STRING String, PCUNICODE_STRING Source) {
 // A drive-letter image path without its "\??\". A path that does not begin with it (a network
 // path, kept in its kernel form) is stored whole rather than losing four real characters.
 static VOID sk_SetPackImagePath(PSK_PACK_STRING String, PPATH_CACHE_NODE Path) {
+  const WCHAR *text;
   String->Buffer = NULL;
   String->Length = 0;
   if (!Path) return;
-  String->Buffer = Path->Path;
+  text = (const WCHAR *)((const UCHAR *)Path + FIELD_OFFSET(PATH_CACHE_NODE, Path));  // Length bytes
+  String->Buffer = text;
   String->Length = Path->Length;
-  if (Path->Length >= 4 * sizeof(WCHAR) && Path->Path[0] == L'\\' && Path->Path[1] == L'?' && Path->Path[2] == L'?' &&
-      Path->Path[3] == L'\\') {
+  if (Path->Length >= 4 * sizeof(WCHAR) && text[0] == L'\\' && text[1] == L'?' && text[2] == L'?' && text[3] == L'\\') {
     String->Buffer += 4;
     String->Length -= 4 * sizeof(WCHAR);
   }

@@ -131,6 +131,7 @@ static NTSTATUS sk_QueryTokenUserSid(PACCESS_TOKEN Token, PUNICODE_STRING *UserS
   NTSTATUS status;
   HANDLE handle = NULL;
   ULONG64 buffer[SK_TOKEN_USER_BUFFER_SIZE / sizeof(ULONG64)];  // 8-byte aligned, as TOKEN_USER is
+  PSID sid;
   ULONG returned = 0;
   UNICODE_STRING text = {0, 0, NULL};
 
@@ -145,7 +146,9 @@ static NTSTATUS sk_QueryTokenUserSid(PACCESS_TOKEN Token, PUNICODE_STRING *UserS
     SK_FAIL("ZwQueryInformationToken", status);
     goto Exit;
   }
-  status = RtlConvertSidToUnicodeString(&text, ((PTOKEN_USER)buffer)->User.Sid, TRUE);
+  // The answer's first field points at the SID, inside the same buffer.
+  RtlCopyMemory(&sid, (PUCHAR)buffer + FIELD_OFFSET(TOKEN_USER, User.Sid), sizeof(sid));
+  status = RtlConvertSidToUnicodeString(&text, sid, TRUE);
   if (!NT_SUCCESS(status)) {
     SK_FAIL("RtlConvertSidToUnicodeString", status);
     goto Exit;

@@ -36,3 +36,4 @@
 #define SK_TAG_PROC_INFO_CACHE 'pctG'     // "Gtcp": the process-information package table's elements
 #define SK_TAG_LOGON_CACHE 'LcTg'         // "gTcL": the logon package table's elements
 #define SK_TAG_PROC_TREE_CACHE 'pttG'     // "Gttp": the process-tree package table's elements
+#define SK_TAG_EVENT_PACKET 'pKtG'        // "GtKp": the event packets the reporters build

@@ -7,6 +7,7 @@
 #include "channel/registration.h"
 #include "monitor/callback_plus.h"
 #include "monitor/image_record.h"
+#include "monitor/probers.h"
 #include "names/path_convert.h"
 #include "names/string_block.h"
 #include "rules/rule_sets.h"
@@ -149,8 +150,10 @@ NTSTATUS sk_InitSentrelData(void) {
     }
   }
 
-  // The thread prober starts here once it exists (not fatal). The ring-buffer owner's exit hook
-  // needs the process notification registration; without it the load goes on.
+  // Neither the probers nor the ring-buffer owner's exit hook is needed for the driver to run: a
+  // failure is logged and the load goes on.
+  status = sk_InitPsThreadProber(&SentrelData);
+  if (!NT_SUCCESS(status)) SK_FAIL("sk_InitPsThreadProber", status);
   if (!(SentrelData.InitFlags & SK_CALLBACK_PLUS_PROCESS)) {
     SK_FAIL("sk_PsSetCreateProcessNotifyRoutine", STATUS_INSUFFICIENT_RESOURCES);
   } else {
@@ -185,6 +188,8 @@ NTSTATUS sk_UninitSentrelData(void) {
     status = sk_PsSetCreateProcessNotifyRoutine(SK_PROCESS_NOTIFY_PLAIN, (PVOID)sk_RingBufOwnerProcessNotify, TRUE);
     if (!NT_SUCCESS(status)) SK_FAIL("sk_PsSetCreateProcessNotifyRoutine", status);
   }
+
+  sk_UninitPsThreadProber();
 
   // The first stop that fails ends the shut-down: the managers after it in stop order keep running.
   while (SkManagers[i].Stop) ++i;

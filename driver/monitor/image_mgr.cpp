@@ -5,6 +5,7 @@
 #include "core/record_tags.h"
 #include "core/sentrel_data.h"
 #include "core/table_compare.h"
+#include "monitor/event_report.h"
 #include "monitor/process_mgr.h"
 #include "names/path_convert.h"
 #include "names/string_block.h"
@@ -65,9 +66,7 @@ static VOID sk_FreeImageContents(PIMAGE_INFO_NODE Node) {
   if (Node->ImageName) skt_FreeUnicodeStringSelf(Node->ImageName);
 }
 
-// The image's checksum, machine and characteristics, from a guarded copy of its headers at Base
-// in the current address space. A header that faults leaves the checksum unknown.
-static NTSTATUS sk_ReadImageHeaders(PVOID Base, PULONG Checksum, PUSHORT Machine, PUSHORT Characteristics) {
+NTSTATUS sk_ReadImageHeaders(PVOID Base, PULONG Checksum, PUSHORT Machine, PUSHORT Characteristics) {
   IMAGE_DOS_HEADER dos;
   IMAGE_NT_HEADERS64 nt;  // PE32 and PE32+ agree up to CheckSum, the last field read
   const ULONG ntBytes = FIELD_OFFSET(IMAGE_NT_HEADERS64, OptionalHeader.CheckSum) + sizeof(ULONG);
@@ -439,8 +438,9 @@ static NTSTATUS sk_ImageInfoInThread(PIMAGE_WORK_ITEM Item) {
     if (!NT_SUCCESS(update)) {
       SK_FAIL("sk_UpdateProcNode", update);
       InterlockedOr(&processNode->Flags, SK_PROC_FLAG_NOT_REPORTED);  // the next image load tries again
+    } else {
+      sk_Report_ProcessCreateEvent(process, processNode);
     }
-    // The process creation is reported here once the event reporters exist.
   }
 Exit:
   if (imageNode) sk_ReleaseImageNode_Node(&SentrelData.ImageMgr, imageNode);

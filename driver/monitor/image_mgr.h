@@ -12,6 +12,12 @@
 #define SK_IMAGE_CHECKSUM_UNKNOWN 0xFFFFFFFF
 #define SK_IMAGE_TYPE_UNKNOWN 0xFFFF
 
+// The image's checksum, machine and characteristics, from a guarded copy of its headers at Base in
+// the current address space. A header that faults leaves all three unknown.
+_IRQL_requires_max_(APC_LEVEL)
+NTSTATUS sk_ReadImageHeaders(_In_ PVOID Base, _Out_ PULONG Checksum, _Out_ PUSHORT Machine,
+                             _Out_ PUSHORT Characteristics);
+
 typedef struct _IMAGE_INFO_NODE {
   USHORT Tag;  // SK_RECORD_IMAGE_NODE
   USHORT Size;

@@ -53,15 +53,12 @@ ULONG sk_PutPackStrings(PUCHAR Package, ULONG Offset, PSK_PACK_STRING Strings, U
   return Offset;
 }
 
-// A counted string of the node, or nothing.
-static VOID sk_SetPackString(PSK_PACK_STRING String, PCUNICODE_STRING Source) {
+VOID sk_SetPackString(PSK_PACK_STRING String, PCUNICODE_STRING Source) {
   String->Buffer = Source ? Source->Buffer : NULL;
   String->Length = Source && Source->Buffer ? Source->Length : 0;
 }
 
-// A drive-letter image path without its "\??\". A path that does not begin with it (a network
-// path, kept in its kernel form) is stored whole rather than losing four real characters.
-static VOID sk_SetPackImagePath(PSK_PACK_STRING String, PPATH_CACHE_NODE Path) {
+VOID sk_SetPackImagePath(PSK_PACK_STRING String, PPATH_CACHE_NODE Path) {
   const WCHAR *text;
   String->Buffer = NULL;
   String->Length = 0;

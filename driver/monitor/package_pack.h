@@ -27,6 +27,11 @@ typedef struct _SK_PACK_STRING {
 // Shortens the longest strings to one common length (whole characters, never half a surrogate
 // pair) until all of them fit Budget bytes; shorter strings stay whole. TRUE if any was shortened.
 BOOLEAN sk_FitPackStrings(_Inout_ PSK_PACK_STRING Strings, _In_ ULONG Count, _In_ ULONG Budget);
+// A counted string, or nothing.
+VOID sk_SetPackString(_Out_ PSK_PACK_STRING String, _In_opt_ PCUNICODE_STRING Source);
+// A drive-letter image path without its "\??\". A path that does not begin with it (a network
+// path, kept in its kernel form) is stored whole rather than losing four real characters.
+VOID sk_SetPackImagePath(_Out_ PSK_PACK_STRING String, _In_opt_ PPATH_CACHE_NODE Path);
 // Copies the strings in order from Offset on and sets their references; returns the end offset.
 ULONG sk_PutPackStrings(_Inout_ PUCHAR Package, _In_ ULONG Offset, _In_ PSK_PACK_STRING Strings,
                         _In_ ULONG Count);

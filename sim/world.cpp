@@ -241,6 +241,24 @@ void World::Boot() {
   ConnectMountManager(files_);
   ntsim::MountManagerFailQueries(mountManagerFailure_);
   ntsim::MountManagerAnswerPending(mountManagerPending_);
+  if (options_.usualProcesses) StartUsualProcesses();
+}
+
+void World::StartUsualProcesses() {
+  // What runs before anyone logs on: the service control manager, started by wininit.exe, as
+  // SYSTEM in session 0.
+  ProcessSpec wininit;
+  wininit.pid = kWininitPid;
+  wininit.imagePath = u"\\??\\C:\\Windows\\System32\\wininit.exe";
+  wininit.commandLine = u"wininit.exe";
+  wininit.sessionId = 0;
+  CreateProcess(wininit);
+  ProcessSpec services = wininit;
+  services.pid = kServicesPid;
+  services.parentPid = kWininitPid;
+  services.imagePath = u"\\??\\C:\\Windows\\System32\\services.exe";
+  services.commandLine = u"C:\\Windows\\system32\\services.exe";
+  CreateProcess(services);
 }
 
 FileNode* World::FindFile(const std::u16string& ntPath, Volume** volume, std::u16string* key) {
@@ -617,6 +635,14 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
   return *user;
 }
 
+UserProcess* World::FindUserProcess(uint64_t pid) {
+  std::lock_guard<std::mutex> lock(processesMutex_);
+  for (auto& process : processes_) {
+    if (process->Id() == pid && !process->Exited()) return process.get();
+  }
+  return nullptr;
+}
+
 UserProcess& World::StartProcess(const std::u16string& imageName) {
   ProcessSpec spec;
   spec.imagePath = imageName.rfind(u"\\", 0) == 0 ? imageName : u"\\??\\C:\\Windows\\System32\\" + imageName;
@@ -660,11 +686,16 @@ void World::ExitProcess(UserProcess& process) {
   for (_KTHREAD* thread : threads) EndThread(thread);
 }
 
-uint64_t World::StartThread(UserProcess& process, UserProcess* creator, uint64_t startAddress) {
+uint64_t World::StartThread(UserProcess& process, UserProcess* creator, uint64_t startAddress, uint64_t threadId,
+                           uint64_t creatorThreadId) {
   Kernel& k = *kernel_;
   _KPROCESS* creatorProcess = creator ? creator->Process() : process.Process();
-  _KTHREAD* creating = k.ps.ActingThread(creatorProcess);
-  _KTHREAD* thread = k.ps.CreateThread(process.Process(), true, startAddress);
+  _KTHREAD* creating = creatorThreadId ? k.ps.FindThread(creatorThreadId) : k.ps.ActingThread(creatorProcess);
+  if (!creating || creating->process != creatorProcess) {
+    Stop("StartThread: thread " + std::to_string(creatorThreadId) + " is no live thread of the creating process");
+  }
+  _KTHREAD* thread = k.ps.CreateThread(process.Process(), true, startAddress, threadId);
+  if (!thread) Stop("StartThread: id " + std::to_string(threadId) + " is in use");
   ThreadScope scope(creating, UserMode);
   k.notify.ThreadCreated(IdHandle(process.Id()), IdHandle(thread->id));
   return thread->id;
@@ -803,11 +834,11 @@ void World::AllocatePrivate(UserProcess& process, uint64_t base, uint64_t size, 
   }
 }
 
-uint64_t World::LoadKernelImage(const std::u16string& ntImagePath, uint64_t base, uint64_t size) {
+uint64_t World::LoadKernelImage(const std::u16string& ntImagePath, uint64_t base, uint64_t size, UserProcess* loader) {
   std::string path;
   for (char16_t c : ntImagePath) path.push_back(c < 0x80 ? static_cast<char>(c) : '?');
   base = kernel_->modules.Add(path, base, static_cast<uint32_t>(size));
-  ThreadScope scope(kernel_->ps.ActingThread(kernel_->ps.System()), KernelMode);
+  ThreadScope scope(kernel_->ps.ActingThread(loader ? loader->Process() : kernel_->ps.System()), KernelMode);
   NotifyImage(ntImagePath, 0, base, size, true);
   return base;
 }

@@ -148,7 +148,13 @@ class World {
     MachineConfig machine;
     std::string driverImage;      // path of the driver's shared object; empty: the build's default
     bool echoDebugOutput = false;  // copy the debugger output to stderr as it comes
+    // Boot with the processes a Windows machine runs before anyone logs on: wininit.exe
+    // (kWininitPid) and the service control manager, C:\Windows\System32\services.exe
+    // (kServicesPid), as SYSTEM in session 0.
+    bool usualProcesses = false;
   };
+  static constexpr uint64_t kWininitPid = 560;
+  static constexpr uint64_t kServicesPid = 640;
 
   World();
   explicit World(Options options);
@@ -204,11 +210,16 @@ class World {
   // Ending a process or thread that has already ended does nothing. A process must not be used by
   // other host threads while it exits.
   UserProcess& CreateProcess(const ProcessSpec& spec);
+  // The process with this id that CreateProcess made and that has not exited; null if none.
+  UserProcess* FindUserProcess(uint64_t pid);
   // CreateProcess with the System process as parent; a bare file name is taken from System32.
   UserProcess& StartProcess(const std::u16string& imageName);
   void ExitProcess(UserProcess& process);
   // The new thread's id; startAddress is where its user-mode code starts (its Win32 start address).
-  uint64_t StartThread(UserProcess& process, UserProcess* creator = nullptr, uint64_t startAddress = 0);
+  // threadId: the id the new thread gets (0: the next free one; an id in use stops the test);
+  // creatorThreadId: which of the creator's threads creates it (0: the calling host thread's).
+  uint64_t StartThread(UserProcess& process, UserProcess* creator = nullptr, uint64_t startAddress = 0,
+                       uint64_t threadId = 0, uint64_t creatorThreadId = 0);
   void ExitThread(uint64_t threadId);
   // Maps an image view into the process's address space (a header page, code, then data; base 0:
   // the next free place for an image of its kind; size 0: 128 KB) and notifies its load. Returns
@@ -217,8 +228,11 @@ class World {
   uint64_t MapImage(UserProcess& process, const ImageSpec& image);
   // Any other allocation of the process's own: reserved (MEM_RESERVE) or committed private memory.
   void AllocatePrivate(UserProcess& process, uint64_t base, uint64_t size, bool commit);
-  // Loads a kernel driver image: it joins the module list and its load is notified. Returns its base.
-  uint64_t LoadKernelImage(const std::u16string& ntImagePath, uint64_t base = 0, uint64_t size = 0x20000);
+  // Loads a kernel driver image: it joins the module list and its load is notified (process id 0,
+  // SystemModeImage set) in a thread of the System process, as a load by the service control
+  // manager runs, or in a thread of `loader` (a process that loads a driver itself). Returns its base.
+  uint64_t LoadKernelImage(const std::u16string& ntImagePath, uint64_t base = 0, uint64_t size = 0x20000,
+                           UserProcess* loader = nullptr);
   // Makes a part of the process's memory fault from now on, for every reader.
   void MakeProcessMemoryFault(UserProcess& process, ProcessMemoryPart part);
   // Runs before every answer to the query for the running processes (null: nothing runs).
@@ -285,6 +299,7 @@ class World {
 
  private:
   void Boot();
+  void StartUsualProcesses();
   void PowerOff();
   Verdict CheckDriverLeftovers(const char* when);
   void CloseImage();

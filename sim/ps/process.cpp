@@ -90,9 +90,15 @@ _KPROCESS* ProcessManager::CreateProcess(uint64_t id, const std::u16string& imag
   return process;
 }
 
-_KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced, uint64_t win32StartAddress) {
+_KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced, uint64_t win32StartAddress, uint64_t id) {
+  if (id) {
+    // Threads and processes share one id table.
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (liveThreads_.count(id) || liveProcesses_.count(id)) return nullptr;
+    if (id >= nextId_) nextId_ = (id + 4) & ~uint64_t(3);
+  }
   _KTHREAD* thread = ob_->CreateObjectOf<_KTHREAD>(&ob_->types.thread);
-  thread->id = NewId();
+  thread->id = id ? id : NewId();
   thread->process = process;
   thread->announced = announced;
   thread->win32StartAddress = win32StartAddress;  // set before the thread can be seen

@@ -108,7 +108,8 @@ class ProcessManager {
                            const std::function<void(_KPROCESS*)>& prepare = nullptr);
   // A new live thread of the process, on the next processor in turn. Nothing is notified here;
   // announced says whether the caller notifies its creation (and so its exit will be notified).
-  _KTHREAD* CreateThread(_KPROCESS* process, bool announced = false, uint64_t win32StartAddress = 0);
+  // id 0: the next free id; else that id, or null if a live thread or process has it.
+  _KTHREAD* CreateThread(_KPROCESS* process, bool announced = false, uint64_t win32StartAddress = 0, uint64_t id = 0);
   // The next host thread that starts acting in the process acts as this thread.
   void OfferThread(_KPROCESS* process, _KTHREAD* thread);
   // The calling host thread's thread in the process (see above). Acting in a process whose exit has

@@ -16,6 +16,7 @@
 #include "sentrel_sdk/event_line.h"
 #include "sentrel_sdk/loss_report.h"
 #include "sentrel_sdk/ring_reader.h"
+#include "sentrel_sdk/white_rule_text.h"
 #include "world.h"
 
 namespace sentrel_sim {
@@ -112,7 +113,9 @@ class Runner {
       machine.machine.processors = static_cast<int>(Number(ops.front().fields, "cpus", 4));
       machine.machine.windowsMajor = static_cast<int>(Number(ops.front().fields, "windows", 10));
     }
+    machine.usualProcesses = true;
     world_ = std::make_unique<World>(machine);
+    AdoptUsualProcesses();
     for (const Op& op : ops) {
       if (op.name == "machine") continue;
       Perform(op);
@@ -242,6 +245,7 @@ class Runner {
       ForgetProcesses();
       if (name == "reboot") world_->Reboot();
       else world_->Crash();
+      AdoptUsualProcesses();
       Reply(op, Json::object());
     } else if (name == "registry") {
       Registry(op);
@@ -264,7 +268,12 @@ class Runner {
     } else if (name == "thread") {
       Thread(op);
     } else if (name == "driver") {
-      uint64_t base = world_->LoadKernelImage(NtPath(Text(f, "path")));
+      UserProcess* loader = nullptr;
+      if (Has(f, "by_pid")) {
+        loader = FindProcess(Number(f, "by_pid"));
+        if (!loader) return Refuse(op, "process " + std::to_string(Number(f, "by_pid")) + " is not running");
+      }
+      uint64_t base = world_->LoadKernelImage(NtPath(Text(f, "path")), 0, 0x20000, loader);
       Reply(op, {{"path", f["path"]}, {"base", HexNumber(base)}});
     } else if (name == "logon") {
       LogOn(op);
@@ -321,8 +330,12 @@ class Runner {
       if (!NeedDriver(op)) return;
       Client* client = ClientOf(op, Number(f, "pid"));
       if (!client) return;
-      std::vector<uint8_t> in, output(Number(f, "out_len"));
+      std::vector<uint8_t> in, direct, output(Number(f, "out_len"));
       ParseHex(Text(f, "in"), &in);
+      // The direct buffer's bytes as the request goes out (a request that reads from it).
+      ParseHex(Text(f, "direct"), &direct);
+      if (output.size() < direct.size()) output.resize(direct.size());
+      std::copy(direct.begin(), direct.end(), output.begin());
       IoResult result = Control(*client, static_cast<ULONG>(Number(f, "code")), in, &output);
       output.resize(result.status == STATUS_SUCCESS && result.information <= output.size() ? result.information : 0);
       Reply(op, {{"pid", f["pid"]}, {"status", Status(result.status)}, {"info", result.information},
@@ -340,6 +353,8 @@ class Runner {
       Reply(op, {{"events", read}});
     } else if (name == "query") {
       Query(op);
+    } else if (name == "white_rules") {
+      WhiteRules(op);
     }
   }
 
@@ -376,6 +391,7 @@ class Runner {
     uint64_t pid = Number(f, "pid");
     uint64_t ppid = Number(f, "ppid", 4);
     if (FindProcess(pid)) return Refuse(op, "process " + std::to_string(pid) + " is running already");
+    if (pid && IdInUse(pid)) return Refuse(op, "id " + std::to_string(pid) + " is in use");
     if (ppid != 4 && !FindProcess(ppid)) return Refuse(op, "parent " + std::to_string(ppid) + " is not running");
     uint64_t creator = Number(f, "creator", ppid);
     if (creator != 4 && !FindProcess(creator)) {
@@ -423,6 +439,9 @@ class Runner {
     Json reply = {{"pid", pid}, {"tid", process.InitialThreadId()}, {"status", Status(process.CreationStatus())}};
     Reply(op, reply);
   }
+
+  // Processes and threads share one id space.
+  bool IdInUse(uint64_t id) { return world_->kernel().ps.FindProcess(id) || world_->kernel().ps.FindThread(id); }
 
   // "untrusted" ... "protected", or the label's RID as "0x2100".
   static std::optional<ULONG> IntegrityRid(const std::string& text) {
@@ -478,10 +497,17 @@ class Runner {
       if (image == images_.end()) return Refuse(op, "no image " + Text(f, "start_module") + " in that process");
       start = image->second + Number(f, "start_offset");
     }
-    uint64_t tid = world_->StartThread(*process, creator, start);
-    Json reply = {{"pid", f["pid"]}, {"tid", tid}, {"start", HexNumber(start)}};
-    NotSimulated(f, {"tid", "by_tid"}, &reply);
-    Reply(op, reply);
+    uint64_t wanted = Number(f, "tid"), byTid = Number(f, "by_tid");
+    if (wanted && IdInUse(wanted)) return Refuse(op, "id " + std::to_string(wanted) + " is in use");
+    if (byTid) {
+      _KTHREAD* creating = world_->kernel().ps.FindThread(byTid);
+      if (!creating || creating->process != creator->Process()) {
+        return Refuse(op, "thread " + std::to_string(byTid) + " is no running thread of process " +
+                              std::to_string(creator->Id()));
+      }
+    }
+    uint64_t tid = world_->StartThread(*process, creator, start, wanted, byTid);
+    Reply(op, {{"pid", f["pid"]}, {"tid", tid}, {"start", HexNumber(start)}});
   }
 
   // The consumer asks for the three packages of a process, into an answer buffer of `room` bytes
@@ -513,6 +539,33 @@ class Runner {
       reply["written"] = std::any_of(answer.begin(), answer.end(), [](uint8_t b) { return b != kUnwritten; });
     }
     Reply(op, reply);
+  }
+
+  // The consumer uploads white rules, built into the device's records by the consumer library, or
+  // with "delete" removes them all (an empty request).
+  void WhiteRules(const Op& op) {
+    const Json& f = op.fields;
+    if (!NeedDriver(op)) return;
+    if (!consumer_) return Refuse(op, "no consumer is running");
+    std::vector<uint8_t> records;
+    size_t count = 0;
+    if (Has(f, "rules")) {
+      std::string text;
+      for (const Json& rule : f["rules"]) {
+        const Json& type = rule["type"];
+        text += (type.is_string() ? type.get<std::string>() : std::to_string(type.get<uint64_t>())) + " " +
+                rule["pattern"].get<std::string>() + "\n";
+      }
+      sentrel_sdk::WhiteRuleRecords built;
+      std::string problem;
+      if (!sentrel_sdk::ParseWhiteRules(text, &built, &problem)) return Refuse(op, problem);
+      records = built.bytes;
+      count = built.count;
+    }
+    // The driver reads the records from the direct buffer and their length from the input length.
+    std::vector<uint8_t> direct = records;
+    IoResult result = Control(*consumer_, IOCTL_SK_ADD_WHITE_RULE, records, &direct);
+    Reply(op, {{"rules", count}, {"status", Status(result.status)}, {"info", result.information}});
   }
 
   void Consumer(const Op& op) {
@@ -646,6 +699,13 @@ class Runner {
       if (client.handle && !client.process->Exited()) client.process->CloseHandle(client.handle);
     }
     clients_.clear();
+  }
+
+  // wininit.exe and services.exe run from boot on: the scenario may name them as parents.
+  void AdoptUsualProcesses() {
+    for (uint64_t pid : {World::kWininitPid, World::kServicesPid}) {
+      if (UserProcess* process = world_->FindUserProcess(pid)) processes_[pid] = process;
+    }
   }
 
   void ForgetProcesses() {

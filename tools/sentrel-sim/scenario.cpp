@@ -8,7 +8,7 @@ namespace sentrel_sim {
 
 namespace {
 
-enum class Kind { Number, Text, Bool, Hex, Object, NumberOrText };
+enum class Kind { Number, Text, Bool, Hex, Object, NumberOrText, Array };
 
 struct Field {
   const char* name;
@@ -42,7 +42,7 @@ const std::map<std::string, std::vector<Field>>& Schema() {
        {{"pid", Kind::Number, true}, {"tid", Kind::Number, false}, {"by_pid", Kind::Number, false},
         {"by_tid", Kind::Number, false}, {"start", Kind::Number, false}, {"start_module", Kind::Text, false},
         {"start_offset", Kind::Number, false}}},
-      {"driver", {{"path", Kind::Text, true}}},
+      {"driver", {{"path", Kind::Text, true}, {"by_pid", Kind::Number, false}}},
       {"exit", {{"pid", Kind::Number, true}}},
       {"logon",
        {{"logon", Kind::Number, true}, {"user", Kind::Text, true}, {"sid", Kind::Text, true},
@@ -55,7 +55,8 @@ const std::map<std::string, std::vector<Field>>& Schema() {
       {"read", {{"pid", Kind::Number, true}}},
       {"ioctl",
        {{"pid", Kind::Number, true}, {"code", Kind::Number, true}, {"in", Kind::Hex, false},
-        {"out_len", Kind::Number, false}}},
+        {"out_len", Kind::Number, false}, {"direct", Kind::Hex, false}}},
+      {"white_rules", {{"rules", Kind::Array, false}, {"delete", Kind::Bool, false}}},
       {"write", {{"pid", Kind::Number, true}, {"hex", Kind::Hex, true}}},
       {"drain", {}},
       {"query", {{"pid", Kind::Number, true}, {"room", Kind::Number, false}}},
@@ -87,6 +88,7 @@ const char* Expected(Kind kind) {
     case Kind::Hex: return "a string of hex digits";
     case Kind::Object: return "an object";
     case Kind::NumberOrText: return "a number or a string";
+    case Kind::Array: return "an array";
   }
   return "";
 }
@@ -114,6 +116,7 @@ bool Check(const Json& object, const std::vector<Field>& fields, const std::stri
       case Kind::Hex: ok = value.is_string() && ParseHex(value.get<std::string>(), &bytes); break;
       case Kind::Object: ok = value.is_object(); break;
       case Kind::NumberOrText: ok = IsNumber(value) || value.is_string(); break;
+      case Kind::Array: ok = value.is_array(); break;
     }
     if (!ok) {
       *error = {line, name, std::string("must be ") + Expected(field.kind)};
@@ -156,6 +159,25 @@ bool ParseScenario(std::istream& input, std::vector<Op>* ops, ScenarioError* err
     }
     if (!Check(object, schema->second, "", line, error)) return false;
     if (name == "send" && !Check(object["packet"], PacketFields(), "packet.", line, error)) return false;
+    if (name == "white_rules") {
+      static const std::vector<Field> ruleFields = {{"type", Kind::NumberOrText, true}, {"pattern", Kind::Text, true}};
+      bool hasRules = object.contains("rules"), deletes = object.contains("delete") && object["delete"].get<bool>();
+      if (hasRules == deletes) {
+        *error = {line, "rules", "give either rules or \"delete\":true"};
+        return false;
+      }
+      if (hasRules) {
+        for (size_t i = 0; i < object["rules"].size(); ++i) {
+          const Json& rule = object["rules"][i];
+          std::string prefix = "rules[" + std::to_string(i) + "].";
+          if (!rule.is_object()) {
+            *error = {line, prefix, "must be an object"};
+            return false;
+          }
+          if (!Check(rule, ruleFields, prefix, line, error)) return false;
+        }
+      }
+    }
     if (name == "machine" && !ops->empty()) {
       *error = {line, "op", "machine must be the first op"};
       return false;

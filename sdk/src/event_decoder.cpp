@@ -274,7 +274,10 @@ Json DecodeEvent(const uint8_t* packet, size_t length) {
   }
   std::string error;
   uint32_t dataOffset = sk_LoadLe32(body, 8);
-  if (dataOffset < sizeof(PACKAGE_HEADER) || dataOffset > bodyLength) {
+  if (sk_LoadLe32(packet, SK_OFFSETOF(SK_PACKET, Length)) != length ||
+      sk_LoadLe32(packet, SK_OFFSETOF(SK_PACKET, DataLength)) != bodyLength) {
+    error = "the packet header's Length and DataLength do not add up to its " + std::to_string(length) + " bytes";
+  } else if (dataOffset < sizeof(PACKAGE_HEADER) || dataOffset > bodyLength) {
     error = "event data offset " + std::to_string(dataOffset) + " does not fit";
   } else {
     Json decoded = Json::object();

@@ -169,6 +169,10 @@ TEST(EventDecoderTest, RecordsThatDoNotAddUpAreMarkedAndKeptInHex) {
   EXPECT_NE(Decode(Event(ET_IMAGE_LOAD, shortTree, data.Bytes()))["malformed"].get<std::string>().find("tree"),
             std::string::npos);
   EXPECT_EQ(Decode(Event(ET_IMAGE_LOAD, CommonBlock(), {}))["malformed"], "event data record is cut short");
+
+  std::vector<uint8_t> lengths = good;  // a header whose DataLength is not Length - 44
+  sk_StoreLe32(lengths.data(), SK_OFFSETOF(SK_PACKET, DataLength), uint32_t(good.size() - 40));
+  EXPECT_EQ(Decode(lengths)["malformed"].get<std::string>().rfind("the packet header's Length and DataLength", 0), 0u);
 }
 
 TEST(EventDecoderTest, AProducersEventKeepsItsBodyInHex) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <sstream>
 
 #include "runner.h"
@@ -44,11 +45,31 @@ Output Scenario(const std::string& text, bool log = false) {
   return run;
 }
 
-TEST(SentrelSimTest, TheDemoShowsEventsAndControlPacketsAndEndsClean) {
-  Output run = Scenario(sentrel_sim::DemoScenario());
+std::string ReadScenario(const std::string& name) {
+  std::ifstream file(std::string(SENTREL_SCENARIOS_DIR) + "/" + name);
+  std::stringstream text;
+  text << file.rdbuf();
+  EXPECT_FALSE(text.str().empty()) << name;
+  return text.str();
+}
+
+// The events of one kind, in order.
+std::vector<Json> EventsOf(const Output& run, const std::string& type) {
+  std::vector<Json> out;
+  for (const Json& line : run.With("event")) {
+    if (line["event"] == type) out.push_back(line);
+  }
+  return out;
+}
+
+TEST(SentrelSimTest, TheChannelScenarioCarriesEventsAndControlPacketsAndEndsClean) {
+  Output run = Scenario(ReadScenario("channel.jsonl"));
   ASSERT_EQ(run.status, 0);
-  std::vector<Json> events = run.With("event");
-  ASSERT_EQ(events.size(), 2u);
+  std::vector<Json> events;
+  for (const Json& line : run.With("event")) {
+    if (line.contains("producer")) events.push_back(line);
+  }
+  ASSERT_EQ(events.size(), 2u) << "the producers' events; the driver reports the processes besides";
   EXPECT_EQ(events[0]["event"], "ET_FILE_CREATE");
   EXPECT_EQ(events[0]["src_pid"], 2000);
   EXPECT_EQ(events[0]["body"], "1500000006000000433a5c54656d705c612e657865");
@@ -67,6 +88,55 @@ TEST(SentrelSimTest, TheDemoShowsEventsAndControlPacketsAndEndsClean) {
   EXPECT_EQ(summary["events"]["ET_FILE_CREATE"], 1);
   EXPECT_EQ(summary["verdict"]["clean"], true);
   EXPECT_EQ(summary["refused_ops"], 0);
+}
+
+// The demo, as the README tells it.
+TEST(SentrelSimTest, TheDemoTellsTheIntrusionFromStartToEnd) {
+  Output run = Scenario(sentrel_sim::DemoScenario());
+  ASSERT_EQ(run.status, 0);
+  for (const Json& event : run.With("event")) {
+    EXPECT_FALSE(event.contains("malformed")) << event.dump();
+    EXPECT_FALSE(event.contains("producer")) << event.dump();
+  }
+  std::vector<Json> created = EventsOf(run, "ET_PROCESS_CREATE");
+  std::vector<uint64_t> pids;
+  for (const Json& e : created) pids.push_back(e["src_pid"]);
+  // The attack's chain, explorer.exe at its first image load after the start, the backup tool
+  // once: its second start came after the white rule.
+  EXPECT_EQ(pids, (std::vector<uint64_t>{2000, 2100, 2200, 2300, 1500, 2400}));
+  const Json& host = created[3];
+  EXPECT_EQ(host["process"]["command_line"].get<std::string>().rfind("powershell -nop -w hidden -enc ", 0), 0u);
+  EXPECT_EQ(host["process"]["creator_image_path"], "C:\\Windows\\System32\\cmd.exe");
+  EXPECT_EQ(host["logon"]["user_name"], "SENTREL-LAB\\analyst");
+  ASSERT_EQ(host["tree"].size(), 5u);
+  EXPECT_EQ(host["tree"][4]["image_name"], "Explorer.EXE");
+
+  std::vector<Json> images = EventsOf(run, "ET_IMAGE_LOAD");
+  ASSERT_FALSE(images.empty());
+  const Json* dropped = nullptr;
+  for (const Json& e : images) {
+    EXPECT_NE(e["src_pid"], 2410) << "silenced by the agent's white rule";
+    EXPECT_EQ(e["data"]["image_path"].get<std::string>().find("samlib.dll"), std::string::npos) << "the mask";
+    if (e["data"]["image_path"] == "C:\\Users\\analyst\\AppData\\Local\\Temp\\vaultcli.dll") dropped = &e;
+  }
+  ASSERT_NE(dropped, nullptr) << "the black rule wins over the agent's white rule";
+  EXPECT_EQ((*dropped)["data"]["image_type"], "0xc0");
+
+  std::vector<Json> threads = EventsOf(run, "ET_REMOTE_THREAD_CREATE");
+  ASSERT_EQ(threads.size(), 1u);
+  EXPECT_EQ(threads[0]["src_pid"], 2300);
+  EXPECT_EQ(threads[0]["data"]["target_process_id"], 1500);
+  EXPECT_EQ(threads[0]["data"]["module_name"], "shell32.dll");
+  EXPECT_EQ(threads[0]["data"]["start_offset"], "+0x1a2b0");
+
+  std::vector<Json> drivers = EventsOf(run, "ET_DRIVER_LOAD");
+  ASSERT_EQ(drivers.size(), 1u);
+  EXPECT_EQ(drivers[0]["src_pid"], 640) << "services.exe";
+  EXPECT_EQ(drivers[0]["data"]["service_name"], "kbdfltr");
+
+  Json query = run.Reply("query");
+  EXPECT_EQ(query["process"], host["process"]);
+  EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
 }
 
 TEST(SentrelSimTest, EachMalformedLineIsNamedAndNothingRuns) {
@@ -354,6 +424,103 @@ TEST(SentrelSimTest, TheConsumerQueriesAProcessAndSeesItsThreePackages) {
   EXPECT_LT(at("Del LogonCacheNode LogonId:0x7a100 "), at("sk_UninitPackageCacheMgr Entry"));
   EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
   EXPECT_EQ(run.status, 0);
+}
+
+}  // namespace
+
+namespace {
+
+// The four events of the driver, each field as the consumer decodes it, and every reason an event
+// is not produced: the mask, the consumer's own activity, a creator's first thread in its child,
+// white rules (and a black rule that wins over them), names that make no service.
+TEST(SentrelSimTest, TheDriversFourEventsAndWhatKeepsThemQuiet) {
+  auto op = [](const std::string& text) { return "{" + text + "}\n"; };
+  Output run = Scenario(
+      op("\"op\":\"process\",\"pid\":1000,\"image\":\"C:\\\\Windows\\\\explorer.exe\"") +
+      op("\"op\":\"process\",\"pid\":50,\"image\":\"C:\\\\Program Files\\\\Sentrel\\\\agent.exe\"") +
+      op("\"op\":\"load\"") + op("\"op\":\"consumer\",\"pid\":50") +
+      op("\"op\":\"process\",\"pid\":1100,\"ppid\":1000,\"image\":\"C:\\\\Tools\\\\inject.exe\"") +
+      op("\"op\":\"image\",\"pid\":1000,\"path\":\"C:\\\\Apps\\\\plugin.dll\",\"base\":\"0x7ff700000000\"") +
+      // Threads: 0x1234 into plugin.dll, one outside every image, one by the consumer, one of the
+      // target's own.
+      op("\"op\":\"thread\",\"pid\":1000,\"by_pid\":1100,\"tid\":7000,\"start_module\":\"plugin.dll\",\"start_offset\":\"0x1234\"") +
+      op("\"op\":\"thread\",\"pid\":1000,\"by_pid\":1100,\"start\":\"0x50000\"") +
+      op("\"op\":\"thread\",\"pid\":1000,\"by_pid\":50") +
+      op("\"op\":\"thread\",\"pid\":1000") +
+      // Images: an unreadable header, one loaded into the consumer.
+      op("\"op\":\"image\",\"pid\":1100,\"path\":\"C:\\\\Apps\\\\torn.dll\",\"unreadable\":true") +
+      op("\"op\":\"image\",\"pid\":50,\"path\":\"C:\\\\Apps\\\\agent-helper.dll\"") +
+      // Drivers: service names, and a load by a process of its own.
+      op("\"op\":\"driver\",\"path\":\"\\\\SystemRoot\\\\System32\\\\drivers\\\\x.sys\"") +
+      op("\"op\":\"driver\",\"path\":\"\\\\SystemRoot\\\\System32\\\\drivers\\\\beep.SYS\"") +
+      op("\"op\":\"driver\",\"path\":\"\\\\SystemRoot\\\\System32\\\\drivers\\\\a.sy\"") +
+      op("\"op\":\"driver\",\"path\":\"\\\\SystemRoot\\\\System32\\\\drivers\\\\driver\"") +
+      op("\"op\":\"driver\",\"path\":\"\\\\SystemRoot\\\\System32\\\\drivers\\\\tool.sys\",\"by_pid\":1100") +
+      // White rules, then a black-listed DLL that a white rule would pass.
+      op("\"op\":\"white_rules\",\"rules\":[{\"type\":\"ET_IMAGE_LOAD\",\"pattern\":\"*\\\\quiet.dll\"},"
+         "{\"type\":\"ET_IMAGE_LOAD\",\"pattern\":\"*\\\\samlib.dll\"}]") +
+      op("\"op\":\"image\",\"pid\":1100,\"path\":\"C:\\\\Apps\\\\quiet.dll\"") +
+      op("\"op\":\"image\",\"pid\":1100,\"path\":\"C:\\\\Apps\\\\samlib.dll\"") +
+      // Malformed rule records go in through the raw request: refused, nothing changes.
+      op("\"op\":\"ioctl\",\"pid\":50,\"code\":\"0x0666c019\",\"in\":\"0400\",\"direct\":\"0400\"") +
+      op("\"op\":\"white_rules\",\"delete\":true") +
+      op("\"op\":\"image\",\"pid\":1100,\"path\":\"C:\\\\Apps\\\\quiet.dll\"") +
+      // The mask: remote threads, images and drivers off; process creation goes on.
+      op("\"op\":\"mask\",\"mask\":\"0xffffffffffffffcd\"") +
+      op("\"op\":\"thread\",\"pid\":1000,\"by_pid\":1100") +
+      op("\"op\":\"image\",\"pid\":1100,\"path\":\"C:\\\\Apps\\\\late.dll\"") +
+      op("\"op\":\"driver\",\"path\":\"\\\\SystemRoot\\\\System32\\\\drivers\\\\late.sys\"") +
+      op("\"op\":\"process\",\"pid\":1200,\"ppid\":1100,\"image\":\"C:\\\\Tools\\\\late.exe\"") +
+      op("\"op\":\"unload\""));
+  ASSERT_EQ(run.Reply("load")["status"], "0x00000000") << run.lines.front().dump();
+  EXPECT_EQ(run.Reply("white_rules", 1)["status"], "0x00000000") << "deleting every rule";
+  EXPECT_NE(run.Reply("ioctl")["status"], "0x00000000") << run.Reply("ioctl").dump();
+  for (const Json& event : run.With("event")) {
+    // The decoder marks a packet whose lengths do not add up (DataLength, Length - 44, the body
+    // header's Length) as malformed, or takes it for a producer's.
+    EXPECT_FALSE(event.contains("malformed")) << event.dump();
+    EXPECT_FALSE(event.contains("producer")) << event.dump();
+    if (event["event"] != "ET_PROCESS_CREATE") {
+      EXPECT_NE(event["src_pid"], 50) << "no thread or image of the consumer's own: " << event.dump();
+    }
+  }
+
+  std::vector<Json> threads = EventsOf(run, "ET_REMOTE_THREAD_CREATE");
+  ASSERT_EQ(threads.size(), 2u) << "the consumer's, the target's own and the masked one are not reported";
+  EXPECT_EQ(threads[0]["data"]["target_thread_id"], 7000);
+  EXPECT_EQ(threads[0]["data"]["start_offset"], "+0x1234");
+  EXPECT_EQ(threads[0]["data"]["module_name"], "plugin.dll");
+  EXPECT_EQ(threads[0]["data"]["start_address"], "0x7ff700001234");
+  EXPECT_EQ(threads[0]["data"]["target_image_path"], "C:\\Windows\\Explorer.EXE");
+  EXPECT_EQ(threads[1]["data"]["start_offset"], "0x50000") << "no image: the whole address, no plus";
+  EXPECT_EQ(threads[1]["data"]["module_name"], "unknow");
+
+  std::vector<std::string> images;
+  for (const Json& e : EventsOf(run, "ET_IMAGE_LOAD")) {
+    std::string path = e["data"]["image_path"];
+    images.push_back(path.substr(path.find_last_of('\\') + 1));
+    if (path == "C:\\Apps\\torn.dll") {
+      EXPECT_EQ(e["data"]["image_type"], "0xffff");
+    } else if (path == "C:\\Apps\\plugin.dll") {
+      EXPECT_EQ(e["data"]["image_type"], "0xc0");
+    }
+  }
+  EXPECT_EQ(images, (std::vector<std::string>{"inject.exe", "plugin.dll", "torn.dll", "samlib.dll", "quiet.dll"}));
+
+  std::vector<std::pair<uint64_t, std::string>> drivers;
+  for (const Json& e : EventsOf(run, "ET_DRIVER_LOAD")) {
+    drivers.emplace_back(e["src_pid"], e["data"]["service_name"]);
+    EXPECT_EQ(e["data"]["process_id"], e["src_pid"]);
+  }
+  EXPECT_EQ(drivers, (std::vector<std::pair<uint64_t, std::string>>{
+                         {640, "x"}, {640, "beep"}, {640, "driver"}, {1100, "tool"}}))
+      << "a.sy names no service; loads in the System process are services.exe's";
+
+  std::vector<uint64_t> created;
+  for (const Json& e : EventsOf(run, "ET_PROCESS_CREATE")) created.push_back(e["src_pid"]);
+  // Processes found at start are reported at their first image load after it (the consumer too).
+  EXPECT_EQ(created, (std::vector<uint64_t>{1100, 1000, 50, 1200})) << "the mask leaves process creation on";
+  EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
 }
 
 }  // namespace

@@ -172,4 +172,28 @@ TEST_F(EventReportTest, EveryAllocationFailureOfAReportLosesOnlyItsEvent) {
   EXPECT_GT(n, 40u);
 }
 
+// services.exe stays referenced while the probers run, so its record never dangles; once it has
+// exited, a driver load in the System process is attributed to nobody rather than to whichever
+// process gets its id next.
+TEST_F(EventReportTest, ADriverLoadInTheSystemProcessNeedsTheServiceControlManagerAlive) {
+  world.LoadKernelImage(u"\\SystemRoot\\System32\\drivers\\first.sys");
+  std::vector<Json> events = Drain();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]["src_pid"], World::kServicesPid);
+  EXPECT_EQ(events[0]["data"]["service_name"], "first");
+
+  world.ExitProcess(*world.FindUserProcess(World::kServicesPid));
+  Create(World::kServicesPid, 1500, u"C:\\Apps\\impostor.exe");  // the id is free again
+  Drain();  // its own creation and image load
+  world.LoadKernelImage(u"\\SystemRoot\\System32\\drivers\\second.sys");
+  EXPECT_TRUE(Drain().empty());
+  EXPECT_TRUE(sentrel_test::HasMessage(world, "ServiceProc Exited"));
+  // A process that loads a driver itself is still its acting process.
+  world.LoadKernelImage(u"\\SystemRoot\\System32\\drivers\\third.sys", 0, 0x20000, desktop);
+  events = Drain();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]["src_pid"], 1500);
+  world.ExitProcess(*world.FindUserProcess(World::kServicesPid));
+}
+
 }  // namespace

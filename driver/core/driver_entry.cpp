@@ -76,7 +76,7 @@ static VOID sk_DriverUnload(PDRIVER_OBJECT DriverObject) {
 
   PAGED_CODE();
   SK_ENTER();
-  SentrelOnline = FALSE;  // first, so that nothing is reported while the managers stop
+  SK_WRITE_ONCE(SentrelOnline, FALSE);  // first, so that nothing is reported while the managers stop
   // The producer interface goes off line here once it exists.
   RtlInitUnicodeString(&link, SkLinkName);
   IoDeleteSymbolicLink(&link);
@@ -152,7 +152,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     goto Fail;
   }
 
-  SentrelOnline = TRUE;
+  SK_WRITE_ONCE(SentrelOnline, TRUE);
   SkDeviceObject->Flags &= ~DO_DEVICE_INITIALIZING;
   SkDeviceObject->Flags |= DO_DIRECT_IO;
   // Producer drivers are told that the driver is online here once the producer interface exists.

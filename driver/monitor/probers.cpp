@@ -220,7 +220,7 @@ NTSTATUS sk_UninitPsThreadProber(void) {
     SK_INFO("PsThreadProber no Inited\n");
     goto Exit;
   }
-  SentrelOnline = FALSE;
+  SK_WRITE_ONCE(SentrelOnline, FALSE);
   SK_INFO("Remove sk_xxLoadImageProber\n");
   sk_PsRemoveLoadImageNotifyRoutine(sk_xxLoadImageProber);
   SK_INFO("Remove sk_ThreadProber\n");

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <thread>
 
 #include "scenario.h"
 #include "sentrel/control_codes.h"
@@ -663,9 +664,20 @@ class Runner {
     }
   }
 
+  // The driver's own threads (a logon table's add thread, say) finish what the op set off before
+  // its output is read, so that the output does not depend on how threads are scheduled. Bounded:
+  // a thread that never ends shows in the verdict, not as a hang.
+  void Settle() {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (world_->kernel().threads.Running() != 0 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
   // After every op: the consumer drains what was written, waiting reads that ended answer, and
   // the driver's new log lines follow.
   void Flush() {
+    Settle();
     if (options_.log) {
       std::vector<std::string> lines = world_->debug().Lines();
       for (size_t i = logLines_; i < lines.size(); ++i) Emit({{"log", lines[i]}});

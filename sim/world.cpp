@@ -701,6 +701,16 @@ uint64_t World::StartThread(UserProcess& process, UserProcess* creator, uint64_t
   return thread->id;
 }
 
+void World::SetUserStack(uint64_t threadId, std::vector<uint64_t> frames) {
+  _KTHREAD* thread = kernel_->ps.FindThread(threadId);
+  if (!thread) Stop("SetUserStack: no live thread " + std::to_string(threadId));
+  thread->userStack = std::move(frames);
+}
+
+void World::SetUserStack(UserProcess& process, std::vector<uint64_t> frames) {
+  process.Thread()->userStack = std::move(frames);
+}
+
 void World::ExitThread(uint64_t threadId) {
   _KTHREAD* thread = kernel_->ps.FindThread(threadId);
   if (!thread) return;

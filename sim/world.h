@@ -221,6 +221,10 @@ class World {
   uint64_t StartThread(UserProcess& process, UserProcess* creator = nullptr, uint64_t startAddress = 0,
                        uint64_t threadId = 0, uint64_t creatorThreadId = 0);
   void ExitThread(uint64_t threadId);
+  // The user-mode call stack (return addresses, innermost first) of a thread, or of the calling
+  // host thread's thread in the process; call it while that thread runs nothing else.
+  void SetUserStack(uint64_t threadId, std::vector<uint64_t> frames);
+  void SetUserStack(UserProcess& process, std::vector<uint64_t> frames);
   // Maps an image view into the process's address space (a header page, code, then data; base 0:
   // the next free place for an image of its kind; size 0: 128 KB) and notifies its load. Returns
   // its base. A base that is not free stops the test.

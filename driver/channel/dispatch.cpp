@@ -1,6 +1,7 @@
 #include "channel/dispatch.h"
 
 #include "channel/complete_request.h"
+#include "channel/interface_krnl.h"
 #include "channel/loss_report.h"
 #include "channel/pending_reads.h"
 #include "channel/registration.h"
@@ -112,8 +113,7 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   PAGED_CODE();
   SK_ENTER();
   switch (code) {
-    // The producer-driver table and the kernel interface are not built yet: after this routine's
-    // own checks, these codes answer STATUS_NOT_IMPLEMENTED until they are.
+    // Kernel-mode requests of producer drivers (sentrel/interface_krnl.h).
     case IOCTL_SK_REGISTER_PRODUCER:
       SK_INFO("IOCTL_SK_REGISTER_PRODUCER\n");
       if (sk_RefuseUserMode(&status)) break;
@@ -121,7 +121,7 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         SK_ERROR("Invalid Parameter\n");
         break;
       }
-      status = STATUS_NOT_IMPLEMENTED;
+      status = sk_AddProducerInfo(((PDEVICE_OBJECT *)systemBuffer)[0], ((PSK_PRODUCER_OFFLINE *)systemBuffer)[1]);
       break;
     case IOCTL_SK_UNREGISTER_PRODUCER:
       SK_INFO("IOCTL_SK_UNREGISTER_PRODUCER\n");
@@ -130,17 +130,26 @@ NTSTATUS sk_DeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         SK_ERROR("Invalid Parameter\n");
         break;
       }
-      status = STATUS_NOT_IMPLEMENTED;
+      status = sk_DelProducerInfo(*(PDEVICE_OBJECT *)systemBuffer);
       break;
     case IOCTL_SK_GET_INTERFACEKRNL:
       SK_INFO("IOCTL_SK_GET_INTERFACEKRNL\n");
       if (sk_RefuseUserMode(&status)) break;
-      if (outputLength != 124) {
+      if (outputLength != SK_INTERFACE_KRNL_SIZE) {
         SK_ERROR("Invalid Parameter\n");
         break;
       }
-      status = STATUS_NOT_IMPLEMENTED;
-      SK_ERROR("sk_GetInterfaceKrnl fail Status:%08lx\n", status);
+      {
+        // The identity is the buffer's first 8 bytes, read before the answer overwrites them.
+        PDEVICE_OBJECT identity = NULL;
+        RtlCopyMemory(&identity, systemBuffer, inputLength < sizeof(identity) ? inputLength : sizeof(identity));
+        status = sk_GetInterfaceKrnl(identity, (SK_INTERFACE_KRNL *)systemBuffer);
+      }
+      if (NT_SUCCESS(status)) {
+        information = SK_INTERFACE_KRNL_SIZE;
+      } else {
+        SK_ERROR("sk_GetInterfaceKrnl fail Status:%08lx\n", status);
+      }
       break;
     case IOCTL_SK_RESERVED_4:
     case IOCTL_SK_RESERVED_5:

@@ -4,6 +4,7 @@
 #include "core/record_tags.h"
 #include "core/sentrel_data.h"
 #include "channel/dispatch.h"
+#include "channel/interface_krnl.h"
 #include "channel/pending_reads.h"
 
 #define SK_MODULE SK_TRACE_CORE
@@ -77,7 +78,8 @@ static VOID sk_DriverUnload(PDRIVER_OBJECT DriverObject) {
   PAGED_CODE();
   SK_ENTER();
   SK_WRITE_ONCE(SentrelOnline, FALSE);  // first, so that nothing is reported while the managers stop
-  // The producer interface goes off line here once it exists.
+  // Before anything stops: no producer driver's call reaches a stopped manager.
+  sk_OffInterfaceKrnl();
   RtlInitUnicodeString(&link, SkLinkName);
   IoDeleteSymbolicLink(&link);
   // A stop that fails leaves its managers and the device in place: deleting the device under a
@@ -155,7 +157,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
   SK_WRITE_ONCE(SentrelOnline, TRUE);
   SkDeviceObject->Flags &= ~DO_DEVICE_INITIALIZING;
   SkDeviceObject->Flags |= DO_DIRECT_IO;
-  // Producer drivers are told that the driver is online here once the producer interface exists.
+  sk_NotifySentrelOnline();
   sk_TraceLeave(SK_TRACE_CORE, "Sentrel DriverEntry Leave", STATUS_SUCCESS);
   return STATUS_SUCCESS;
 

@@ -87,6 +87,14 @@ static HANDLE sk_FallbackGetProcessInheritedFromUniqueProcessId(PEPROCESS Proces
   return NULL;
 }
 
+// No frames: caller stacks cannot be captured.
+static ULONG sk_FallbackWalkFrameChain(PVOID *Callers, ULONG Count, ULONG Flags) {
+  UNREFERENCED_PARAMETER(Callers);
+  UNREFERENCED_PARAMETER(Count);
+  UNREFERENCED_PARAMETER(Flags);
+  return 0;
+}
+
 // From the kernel image's export table once the image is known; otherwise the kernel's own lookup.
 static PVOID sk_LookupRoutine(PSENTREL_DATA Data, PCWSTR Name) {
   UNICODE_STRING name;
@@ -152,4 +160,6 @@ void sk_ResolveOptionalRoutines(PSENTREL_DATA Data) {
   routine = sk_LookupRoutine(Data, L"PsGetProcessInheritedFromUniqueProcessId");
   Data->PsGetProcessInheritedFromUniqueProcessId = routine ? (PSK_PS_GET_PROCESS_INHERITED_FROM_UNIQUE_PROCESS_ID)routine
                                                            : sk_FallbackGetProcessInheritedFromUniqueProcessId;
+  routine = sk_LookupRoutine(Data, L"RtlWalkFrameChain");
+  Data->RtlWalkFrameChain = routine ? (PSK_RTL_WALK_FRAME_CHAIN)routine : sk_FallbackWalkFrameChain;
 }

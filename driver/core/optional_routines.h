@@ -21,8 +21,9 @@ typedef NTSTATUS (*PSK_SE_QUERY_AUTHENTICATION_ID_TOKEN)(PACCESS_TOKEN Token, PL
 typedef ULONG (*PSK_PS_GET_PROCESS_SESSION_ID)(PEPROCESS Process);
 typedef HANDLE (*PSK_PS_GET_PROCESS_INHERITED_FROM_UNIQUE_PROCESS_ID)(PEPROCESS Process);
 typedef PVOID (*PSK_PS_GET_PROCESS_WOW64_PROCESS)(PEPROCESS Process);
+typedef ULONG (*PSK_RTL_WALK_FRAME_CHAIN)(PVOID *Callers, ULONG Count, ULONG Flags);
 
 struct _SENTREL_DATA;
 
-// Finds the kernel image and resolves the eleven routines (or installs their fallbacks). Cannot fail.
+// Finds the kernel image and resolves the twelve routines (or installs their fallbacks). Cannot fail.
 void sk_ResolveOptionalRoutines(struct _SENTREL_DATA *Data);

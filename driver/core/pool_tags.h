@@ -37,3 +37,8 @@
 #define SK_TAG_LOGON_CACHE 'LcTg'         // "gTcL": the logon package table's elements
 #define SK_TAG_PROC_TREE_CACHE 'pttG'     // "Gttp": the process-tree package table's elements
 #define SK_TAG_EVENT_PACKET 'pKtG'        // "GtKp": the event packets the reporters build
+#define SK_TAG_PRODUCER_INFO 'piTg'       // "gTip": producer drivers' registrations
+#define SK_TAG_CALLER_STACK 'stIf'        // "fIts": caller-stack packages
+#define SK_TAG_STACK_FRAMES 'clsk'        // "kslc": a capture's frame record
+#define SK_TAG_STACK_TEXT 'tmbf'          // "fbmt": a capture's text buffer
+#define SK_TAG_STACK_GROUP 'shgT'         // "Tghs": the stack hook's per-process groups

@@ -3,6 +3,7 @@
 #include "core/debug_log.h"
 #include "core/pool_tags.h"
 #include "core/record_tags.h"
+#include "channel/interface_krnl.h"
 #include "channel/msg_queue.h"
 #include "channel/registration.h"
 #include "monitor/callback_plus.h"
@@ -18,8 +19,7 @@ SENTREL_DATA SentrelData;
 
 // The managers, in start-up order; they stop in the reverse order, except that a manager marked
 // StopsAfterPrevious stops right after the one started before it (the white rule set after the
-// black one). Each later manager takes its place here as it lands (the stack hook before the path
-// cache; the producer interface last).
+// black one).
 typedef struct _SK_MANAGER {
   const char *StartName;
   NTSTATUS (*Start)(void);
@@ -28,6 +28,8 @@ typedef struct _SK_MANAGER {
   BOOLEAN StopsAfterPrevious;
 } SK_MANAGER;
 
+static NTSTATUS sk_StartStackHook(void) { return sk_InitStackHook(&SentrelData.StackHook); }
+static NTSTATUS sk_StopStackHook(void) { return sk_UninitStackHook(&SentrelData.StackHook); }
 static NTSTATUS sk_StartPathMgr(void) { return sk_InitPathMgr(&SentrelData.PathMgr); }
 static NTSTATUS sk_StopPathMgr(void) { return sk_UninitPathMgr(&SentrelData.PathMgr); }
 static NTSTATUS sk_StopBlackRuleMgr(void) { return sk_UninitBlackRuleMgr(&SentrelData.BlackRuleMgr); }
@@ -55,7 +57,7 @@ static const SK_MANAGER SkManagers[] = {
     {"sk_InitCallbackPlus", sk_InitCallbackPlus, "sk_UninitCallbackPlus", sk_UninitCallbackPlus, FALSE},
     {"rb_InitRingBuf", sk_StartRingBuf, "rb_UnInitRingBuf", sk_StopRingBuf, FALSE},
     {"sk_InitCommuncation", sk_InitCommuncation, "sk_UninitCommuncation", sk_UninitCommuncation, FALSE},
-    // The stack hook comes here, before the path cache.
+    {"sk_InitStackHook", sk_StartStackHook, "sk_UninitStackHook", sk_StopStackHook, FALSE},
     {"sk_InitPathMgr", sk_StartPathMgr, "sk_UninitPathMgr", sk_StopPathMgr, FALSE},
     {"sk_InitBlackRuleMgr", sk_InitBlackRuleMgr, "sk_UninitBlackRuleMgr", sk_StopBlackRuleMgr, FALSE},
     {"sk_InitWhiteRuleMgr", sk_InitWhiteRuleMgr, "sk_UninitWhiteRuleMgr", sk_StopWhiteRuleMgr, TRUE},
@@ -65,6 +67,8 @@ static const SK_MANAGER SkManagers[] = {
     {"sk_InitProcessMgr", sk_StartProcessMgr, "sk_UninitProcessMgr", sk_StopProcessMgr, FALSE},
     {"sk_InitPackageCacheMgr", sk_StartPackageCacheMgr, "sk_UninitPackageCacheMgr", sk_StopPackageCacheMgr, FALSE},
     {"sk_InitProcMsgMgr", sk_StartProcMsgMgr, "sk_UninitProcMsgMgr", sk_StopProcMsgMgr, FALSE},
+    // Last to start, first to stop: the producer drivers' way into every manager above.
+    {"sk_InitInterfaceKrnlMgr", sk_InitInterfaceKrnlMgr, "sk_UninitInterfaceKrnlMgr", sk_UninitInterfaceKrnlMgr, FALSE},
     {NULL, NULL, NULL, NULL, FALSE},  // end of the table
 };
 

@@ -11,6 +11,7 @@
 #include "names/logon_mgr.h"
 #include "monitor/image_mgr.h"
 #include "monitor/package_cache.h"
+#include "monitor/stack_hook.h"
 #include "monitor/process_mgr.h"
 #include "names/path_cache.h"
 #include "rules/rule_mgr.h"
@@ -48,7 +49,7 @@ typedef struct _SENTREL_DATA {
   SK_IMAGE_MGR ImageMgr;
   SK_PROC_MSG_MGR ProcMsgMgr;
   SK_DOS_NAME_MGR DosNameMgr;
-  // The stack hook joins here.
+  SK_STACK_HOOK StackHook;
   SK_LOGON_MGR LogonMgr;
   RuleMgr WhiteRuleMgr;
   RuleMgr BlackRuleMgr;
@@ -65,6 +66,7 @@ typedef struct _SENTREL_DATA {
   PSK_SE_QUERY_AUTHENTICATION_ID_TOKEN SeQueryAuthenticationIdToken;
   PSK_PS_GET_PROCESS_SESSION_ID PsGetProcessSessionId;
   PSK_PS_GET_PROCESS_INHERITED_FROM_UNIQUE_PROCESS_ID PsGetProcessInheritedFromUniqueProcessId;
+  PSK_RTL_WALK_FRAME_CHAIN RtlWalkFrameChain;
 } SENTREL_DATA, *PSENTREL_DATA;
 
 static_assert(sizeof(SENTREL_DATA) <= 0xFFFF, "the record's size fits its 16-bit Size");

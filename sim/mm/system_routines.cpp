@@ -105,6 +105,7 @@ const std::vector<KernelModules::Routine>& Exports() {
       EXPORT(PsGetProcessWow64Process),
       EXPORT(PsGetProcessCreateTimeQuadPart),
       EXPORT(PsGetProcessInheritedFromUniqueProcessId),
+      EXPORT(RtlWalkFrameChain),
       EXPORT(PsGetProcessSessionId),
       EXPORT(PsReferenceProcessFilePointer),
       EXPORT(PsAcquireProcessExitSynchronization),

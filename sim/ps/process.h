@@ -54,6 +54,9 @@ struct _KTHREAD {
   uint64_t id = 0;
   _KPROCESS* process = nullptr;
   uint64_t win32StartAddress = 0;  // where its user-mode code starts
+  // The return addresses of its user-mode stack, innermost first, as RtlWalkFrameChain reports
+  // them. Set while nothing else runs as the thread (see World::SetUserStack).
+  std::vector<uint64_t> userStack;
   LONGLONG createTime = 0;
   KIRQL irql = PASSIVE_LEVEL;
   int kernelApcDisable = 0;  // raised by KeEnterCriticalRegion

@@ -101,3 +101,16 @@ NTSTATUS NTAPI ZwQueryInformationThread(HANDLE ThreadHandle, THREADINFOCLASS Thr
   k.ob.Dereference(thread);
   return STATUS_SUCCESS;
 }
+
+ULONG NTAPI RtlWalkFrameChain(PVOID* Callers, ULONG Count, ULONG Flags) {
+  // Flag 1: the current thread's user-mode stack; without it the kernel-mode frames, which the
+  // simulated kernel does not have.
+  _KTHREAD* thread = CurrentThread();
+  if (!(Flags & 1) || !thread || !Callers) return 0;
+  ULONG depth = 0;
+  for (uint64_t frame : thread->userStack) {
+    if (depth == Count) break;
+    Callers[depth++] = reinterpret_cast<PVOID>(static_cast<uintptr_t>(frame));
+  }
+  return depth;
+}

@@ -116,6 +116,9 @@ PPEB NTAPI PsGetProcessPeb(PEPROCESS Process);
 PVOID NTAPI PsGetProcessWow64Process(PEPROCESS Process);
 LONGLONG NTAPI PsGetProcessCreateTimeQuadPart(PEPROCESS Process);
 HANDLE NTAPI PsGetProcessInheritedFromUniqueProcessId(PEPROCESS Process);
+// Exported by every kernel but documented by none: the return addresses of the current thread's
+// stack, user mode with flag 1.
+ULONG NTAPI RtlWalkFrameChain(PVOID* Callers, ULONG Count, ULONG Flags);
 ULONG NTAPI PsGetProcessSessionId(PEPROCESS Process);
 BOOLEAN NTAPI PsIsSystemThread(PETHREAD Thread);
 PEPROCESS NTAPI PsGetThreadProcess(PETHREAD Thread);

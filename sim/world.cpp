@@ -377,6 +377,7 @@ void World::PowerOff() {
     std::lock_guard<std::mutex> lock(processesMutex_);
     processes_.clear();
   }
+  quillet_.reset();  // its objects go with the kernel
   driver_ = nullptr;
   kernel_.reset();
   SetKernel(nullptr);
@@ -633,6 +634,15 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
     NotifyImage(path, process->id, base, kDefaultImageSize, false);
   }
   return *user;
+}
+
+NTSTATUS World::LoadProducerDriver() {
+  if (!quillet_) quillet_ = std::make_unique<Quillet>();
+  return AsSystem([&] { return quillet_->Load(); });
+}
+
+void World::UnloadProducerDriver() {
+  if (quillet_) AsSystem([&] { quillet_->Unload(); });
 }
 
 UserProcess* World::FindUserProcess(uint64_t pid) {

@@ -12,6 +12,7 @@
 
 #include "fs/file_system.h"
 #include "kernel.h"
+#include "producer/quillet.h"
 #include "ps/process_environment.h"
 
 namespace ntsim {
@@ -210,6 +211,11 @@ class World {
   // Ending a process or thread that has already ended does nothing. A process must not be used by
   // other host threads while it exits.
   UserProcess& CreateProcess(const ProcessSpec& spec);
+  // The producer driver Quillet (sim/producer/quillet.h), loaded beside the driver under test or
+  // before it; its methods run inside AsSystem or a process's InProcess.
+  NTSTATUS LoadProducerDriver();
+  void UnloadProducerDriver();
+  Quillet* ProducerDriver() { return quillet_.get(); }
   // The process with this id that CreateProcess made and that has not exited; null if none.
   UserProcess* FindUserProcess(uint64_t pid);
   // CreateProcess with the System process as parent; a bare file name is taken from System32.
@@ -320,6 +326,7 @@ class World {
   std::unique_ptr<Kernel> kernel_;
   std::mutex processesMutex_;  // guards processes_ (each UserProcess stays where it is)
   std::vector<std::unique_ptr<UserProcess>> processes_;
+  std::unique_ptr<Quillet> quillet_;
   void* image_ = nullptr;
   PDRIVER_OBJECT driver_ = nullptr;
   Verdict lastVerdict_;

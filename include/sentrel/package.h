@@ -34,7 +34,9 @@ typedef struct _SK_STRING_REF {
 #define SK_PACKAGE_PROC_INFO 1u
 #define SK_PACKAGE_LOGON_INFO 2u
 #define SK_PACKAGE_PROC_TREE_INFO 3u
-#define SK_PACKAGE_CALLER_STACK 4u
+#define SK_PACKAGE_CALLER_STACK 4u  // a producer driver's: Length, Type, NextOffset, Depth, then
+                                    // Depth entries {u16 text bytes, u16 0, UTF-16LE text}
+#define SK_CALLER_STACK_HEADER_BYTES 16u
 // The query answer's Type: a header and the three packages of one process.
 #define SK_PACK_COMMON_INFO_TYPE 20u
 

@@ -49,7 +49,7 @@ bool Strings(const Record& record, std::initializer_list<std::pair<const char*, 
 // The package of the expected kind at the start of block; its length in *used.
 bool PackageAt(const uint8_t* block, size_t length, uint32_t kind, uint32_t fixed, Record* record, size_t* used,
                std::string* error) {
-  const char* names[] = {"", "process package", "logon package", "tree package"};
+  const char* names[] = {"", "process package", "logon package", "tree package", "caller stack package"};
   if (length < fixed) {
     *error = std::string(names[kind]) + " is cut short";
     return false;
@@ -110,6 +110,23 @@ bool DecodeTree(const Record& r, Json* out, std::string* error) {
     const uint8_t* name = r.At(at + SK_OFFSETOF(PROC_TREE_ENTRY, ImageName));
     while (chars < SK_TREE_IMAGE_NAME_SIZE / 2 && sk_LoadLe16(name, uint32_t(chars * 2)) != 0) ++chars;
     out->push_back(Json{{"process_id", r.U32(at)}, {"image_name", Utf16ToUtf8(name, chars * 2)}});
+  }
+  return true;
+}
+
+// Kind 4: Depth entries, each a 16-bit byte length, 16 zero bits, then the frame's text.
+bool DecodeCallerStack(const Record& r, Json* out, std::string* error) {
+  uint32_t depth = r.U32(12);
+  size_t at = SK_CALLER_STACK_HEADER_BYTES;
+  *out = Json::array();
+  for (uint32_t i = 0; i < depth; ++i) {
+    if (at + 4 > r.Length() || at + 4 + r.U16(uint32_t(at)) > r.Length()) {
+      *error = "caller stack frame " + std::to_string(i) + " lies outside its package";
+      return false;
+    }
+    uint16_t bytes = r.U16(uint32_t(at));
+    out->push_back(Utf16ToUtf8(r.At(uint32_t(at + 4)), bytes));
+    at += 4 + bytes;
   }
   return true;
 }
@@ -226,6 +243,18 @@ bool DecodeCommonInfo(const uint8_t* block, size_t length, Json* out, std::strin
   (*out)["process"] = p;
   (*out)["logon"] = l;
   (*out)["tree"] = t;
+  at += used;
+  // A producer driver may attach the caller stack of the acting thread after the tree.
+  if (at < length) {
+    Record stack(nullptr, 0);
+    Json frames;
+    if (!PackageAt(block + at, length - at, SK_PACKAGE_CALLER_STACK, SK_CALLER_STACK_HEADER_BYTES, &stack, &used,
+                   error) ||
+        !DecodeCallerStack(stack, &frames, error)) {
+      return false;
+    }
+    (*out)["caller_stack"] = frames;
+  }
   return true;
 }
 

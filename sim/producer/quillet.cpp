@@ -1,9 +1,13 @@
 #include "producer/quillet.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "kernel.h"
 #include "sentrel/control_codes.h"
+#include "sentrel/event_data.h"
+#include "sentrel/packet_build.h"
+#include "se/logon_sessions.h"
 
 namespace ntsim {
 
@@ -110,6 +114,50 @@ NTSTATUS Quillet::Unregister() {
   NTSTATUS status = Request(IOCTL_SK_UNREGISTER_PRODUCER, &in, sizeof in, nullptr, 0, nullptr);
   if (NT_SUCCESS(status)) registered_ = false;
   return status;
+}
+
+NTSTATUS Quillet::SendProcessEvent(ULONG eventType, const std::vector<uint8_t>& data, bool withCallerStack) {
+  using GetPackage = NTSTATUS (*)(PEPROCESS, PVOID*, PULONG);
+  using GetLogon = NTSTATUS (*)(ULONG64, PVOID*, PULONG);
+  using GetStack = NTSTATUS (*)(PVOID*, PULONG);
+  using FreeStack = VOID (*)(PVOID);
+  using Send = NTSTATUS (*)(const void*, ULONG);
+  if (!hasTable_) return STATUS_DEVICE_NOT_READY;  // not registered, or told the interface went away
+  SK_INTERFACE_KRNL table = table_;
+  PEPROCESS process = PsGetCurrentProcess();
+  std::vector<uint8_t> packages;
+  PVOID package = nullptr;
+  ULONG length = 0;
+  // Borrowed packages are copied at once and never freed.
+  auto borrow = [&](NTSTATUS status) {
+    if (NT_SUCCESS(status)) {
+      packages.insert(packages.end(), static_cast<uint8_t*>(package), static_cast<uint8_t*>(package) + length);
+    }
+    return status;
+  };
+  NTSTATUS status = borrow(Routine<GetPackage>(table.GetProcInfoPackageByProcess)(process, &package, &length));
+  if (!NT_SUCCESS(status)) return status;
+  // The logon id, as a producer reads it from the process's primary token.
+  uint64_t logonId = LogonSessions::Token(process->token)->logonId;
+  status = borrow(Routine<GetLogon>(table.GetLogonInfoPackage)(logonId, &package, &length));
+  if (!NT_SUCCESS(status)) return status;
+  status = borrow(Routine<GetPackage>(table.GetProcTreeInfoPackageByProcess)(process, &package, &length));
+  if (!NT_SUCCESS(status)) return status;
+  if (withCallerStack) {
+    status = Routine<GetStack>(table.GetCallerStackInfoPackage)(&package, &length);
+    if (!NT_SUCCESS(status)) return status;
+    packages.insert(packages.end(), static_cast<uint8_t*>(package), static_cast<uint8_t*>(package) + length);
+    Routine<FreeStack>(table.FreeCallerStackInfoPackage)(package);
+  }
+  uint32_t body = static_cast<uint32_t>(sizeof(PACKAGE_HEADER) + packages.size() + data.size());
+  std::vector<uint8_t> packet(SK_PACKET_HEADER_SIZE + body);
+  sk_PacketInitEvent(packet.data(), static_cast<uint32_t>(reinterpret_cast<uintptr_t>(PsGetProcessId(process))), body);
+  sk_StoreLe32(packet.data(), SK_EVENT_BODY_HEADER_OFFSET, body);
+  sk_StoreLe32(packet.data(), SK_EVENT_BODY_HEADER_OFFSET + 4, eventType);
+  sk_StoreLe32(packet.data(), SK_EVENT_BODY_HEADER_OFFSET + 8, static_cast<uint32_t>(sizeof(PACKAGE_HEADER) + packages.size()));
+  std::copy(packages.begin(), packages.end(), packet.begin() + SK_EVENT_PACKAGES_OFFSET);
+  std::copy(data.begin(), data.end(), packet.begin() + SK_EVENT_PACKAGES_OFFSET + packages.size());
+  return Routine<Send>(table.SendEvent)(packet.data(), static_cast<ULONG>(packet.size()));
 }
 
 NTSTATUS NTAPI Quillet::Dispatch(PDEVICE_OBJECT device, PIRP irp) {

@@ -50,6 +50,12 @@ class Quillet {
     return reinterpret_cast<Fn>(static_cast<uintptr_t>(address));
   }
 
+  // An event of the given type on behalf of the current thread's process, as a producer builds one
+  // (sentrel/event_data.h): the packet header, the body header, the process, logon and tree
+  // packages it borrows through the table, the thread's caller stack when asked, then the data;
+  // sent with the table's SendEvent. The status of the first step that failed.
+  NTSTATUS SendProcessEvent(ULONG eventType, const std::vector<uint8_t>& data, bool withCallerStack);
+
   // When told that Sentrel is online: register and fetch the table (the usual producer), or only
   // count the notice.
   bool registerWhenOnline = true;

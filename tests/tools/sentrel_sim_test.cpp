@@ -524,3 +524,41 @@ TEST(SentrelSimTest, TheDriversFourEventsAndWhatKeepsThemQuiet) {
 }
 
 }  // namespace
+
+namespace {
+
+// Quillet, the producer driver, loaded before Sentrel: told that Sentrel is online, it registers;
+// its events carry the packages it borrows and, when asked, the caller stack; at Sentrel's unload
+// it is told the interface went away.
+TEST(SentrelSimTest, AProducerDriverSendsEventsWithTheCallerStack) {
+  auto op = [](const std::string& text) { return "{" + text + "}\n"; };
+  Output run = Scenario(
+      op("\"op\":\"producer_driver\",\"action\":\"load\"") +
+      op("\"op\":\"process\",\"pid\":1000,\"image\":\"C:\\\\Windows\\\\explorer.exe\"") +
+      op("\"op\":\"load\"") + op("\"op\":\"consumer\",\"pid\":50") +
+      op("\"op\":\"process\",\"pid\":1100,\"ppid\":1000,\"image\":\"C:\\\\Tools\\\\sync.exe\"") +
+      op("\"op\":\"image\",\"pid\":1100,\"path\":\"C:\\\\Tools\\\\net.dll\",\"base\":\"0x7ff800000000\"") +
+      op("\"op\":\"kernel_event\",\"pid\":1100,\"event_type\":\"ET_NET_CONNECT\",\"data\":\"0a000001bb01\","
+         "\"stack\":[\"net.dll+0x2c0\",\"0x7ff800000000\",\"0x40000\"]") +
+      op("\"op\":\"kernel_event\",\"pid\":1100,\"event_type\":\"ET_FILE_CREATE\"") +
+      op("\"op\":\"unload\"") + op("\"op\":\"producer_driver\",\"action\":\"unload\""));
+  EXPECT_EQ(run.Reply("producer_driver")["table"], false) << "Sentrel was not loaded yet";
+  std::vector<Json> net = EventsOf(run, "ET_NET_CONNECT");
+  ASSERT_EQ(net.size(), 1u) << run.Reply("kernel_event").dump();
+  EXPECT_EQ(net[0]["src_pid"], 1100);
+  EXPECT_EQ(net[0]["process"]["image_name"], "sync.exe");
+  EXPECT_EQ(net[0]["tree"].size(), 2u);
+  EXPECT_EQ(net[0]["caller_stack"], (Json{"C:\\Tools\\net.dll+0x2c0", "UnknowImage+0x00007FF800000000",
+                                          "UnknowImage+0x0000000000040000"}));
+  EXPECT_EQ(net[0]["data"]["bytes"], "0a000001bb01");
+  std::vector<Json> file = EventsOf(run, "ET_FILE_CREATE");
+  ASSERT_EQ(file.size(), 1u);
+  EXPECT_FALSE(file[0].contains("caller_stack"));
+  Json unloaded = run.Reply("producer_driver", 1);
+  EXPECT_EQ(unloaded["online_notices"], 1);
+  EXPECT_EQ(unloaded["offline_calls"], 1);
+  EXPECT_EQ(run.Summary()["verdict"]["clean"], true);
+  EXPECT_EQ(run.status, 0);
+}
+
+}  // namespace

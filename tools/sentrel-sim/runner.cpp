@@ -356,6 +356,10 @@ class Runner {
       Query(op);
     } else if (name == "white_rules") {
       WhiteRules(op);
+    } else if (name == "producer_driver") {
+      ProducerDriver(op);
+    } else if (name == "kernel_event") {
+      KernelEvent(op);
     }
   }
 
@@ -567,6 +571,62 @@ class Runner {
     std::vector<uint8_t> direct = records;
     IoResult result = Control(*consumer_, IOCTL_SK_ADD_WHITE_RULE, records, &direct);
     Reply(op, {{"rules", count}, {"status", Status(result.status)}, {"info", result.information}});
+  }
+
+  // Quillet, the producer driver: loaded (it registers when Sentrel tells it that it is online, or
+  // at once when Sentrel runs already) or unloaded.
+  void ProducerDriver(const Op& op) {
+    std::string action = Text(op.fields, "action");
+    if (action == "load") {
+      NTSTATUS status = world_->LoadProducerDriver();
+      if (!NT_SUCCESS(status)) return Refuse(op, "the producer driver did not load: " + Status(status));
+      ntsim::Quillet& quillet = *world_->ProducerDriver();
+      NTSTATUS registered = STATUS_SUCCESS;
+      if (world_->DriverLoaded() && !quillet.HasTable()) registered = world_->AsSystem([&] { return quillet.Register(); });
+      Reply(op, {{"action", action}, {"registered", Status(registered)}, {"table", quillet.HasTable()}});
+    } else if (action == "unload") {
+      ntsim::Quillet* quillet = world_->ProducerDriver();
+      if (!quillet || !quillet->Loaded()) return Refuse(op, "the producer driver is not loaded");
+      world_->UnloadProducerDriver();
+      Reply(op, {{"action", action}, {"online_notices", quillet->OnlineNotices()},
+                 {"offline_calls", quillet->OfflineCalls()}});
+    } else {
+      Refuse(op, "action is load or unload");
+    }
+  }
+
+  // The producer driver sends an event on behalf of a thread of the process: the packages it
+  // borrows, and with `stack` the thread's caller stack (frames as "module+0xoffset" of an image the
+  // scenario mapped into the process, or raw addresses), then `data`.
+  void KernelEvent(const Op& op) {
+    const Json& f = op.fields;
+    ntsim::Quillet* quillet = world_->ProducerDriver();
+    if (!quillet || !quillet->HasTable()) return Refuse(op, "the producer driver has no interface table");
+    uint64_t pid = Number(f, "pid");
+    UserProcess* process = FindProcess(pid);
+    if (!process) return Refuse(op, "process " + std::to_string(pid) + " is not running");
+    std::vector<uint64_t> frames;
+    if (Has(f, "stack")) {
+      for (const Json& frame : f["stack"]) {
+        if (frame.is_string() && frame.get<std::string>().find('+') != std::string::npos) {
+          std::string text = frame.get<std::string>();
+          std::string module = text.substr(0, text.find('+'));
+          auto image = images_.find({pid, module});
+          if (image == images_.end()) return Refuse(op, "no image " + module + " in process " + std::to_string(pid));
+          frames.push_back(image->second + Number(Json{{"v", text.substr(text.find('+') + 1)}}, "v"));
+        } else if (IsNumberField(frame)) {
+          frames.push_back(Number(Json{{"v", frame}}, "v"));
+        } else {
+          return Refuse(op, "a frame is \"module+0xoffset\" or an address");
+        }
+      }
+    }
+    std::vector<uint8_t> data;
+    ParseHex(Text(f, "data"), &data);
+    world_->SetUserStack(*process, frames);
+    NTSTATUS status = process->InProcess(
+        [&] { return quillet->SendProcessEvent(EventTypeOf(f["event_type"]), data, Has(f, "stack")); });
+    Reply(op, {{"pid", pid}, {"status", Status(status)}});
   }
 
   void Consumer(const Op& op) {

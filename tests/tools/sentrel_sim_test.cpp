@@ -129,6 +129,12 @@ TEST(SentrelSimTest, TheDemoTellsTheIntrusionFromStartToEnd) {
   EXPECT_EQ(threads[0]["data"]["module_name"], "shell32.dll");
   EXPECT_EQ(threads[0]["data"]["start_offset"], "+0x1a2b0");
 
+  std::vector<Json> connects = EventsOf(run, "ET_NET_CONNECT");
+  ASSERT_EQ(connects.size(), 1u) << "from the network producer driver";
+  EXPECT_EQ(connects[0]["process"], host["process"]);
+  EXPECT_EQ(connects[0]["caller_stack"][1], "UnknowImage+0x00001F0000001A2C") << "code in no image";
+  EXPECT_EQ(connects[0]["caller_stack"][0], "C:\\Users\\analyst\\AppData\\Local\\Temp\\vaultcli.dll+0x1f40");
+
   std::vector<Json> drivers = EventsOf(run, "ET_DRIVER_LOAD");
   ASSERT_EQ(drivers.size(), 1u);
   EXPECT_EQ(drivers[0]["src_pid"], 640) << "services.exe";

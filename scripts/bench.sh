@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 repetitions=${REPETITIONS:-5}
-benchmarks=(sim_primitives_bench ring_buffer_bench fanout_bench path_cache_bench rule_match_bench process_table_bench package_cache_bench report_bench end_to_end_bench)
+benchmarks=(sim_primitives_bench ring_buffer_bench fanout_bench path_cache_bench rule_match_bench process_table_bench package_cache_bench report_bench end_to_end_bench sysmon_replay_bench)
 
 cmake --preset host-release >/dev/null
 cmake --build --preset host-release --target "${benchmarks[@]}" >/dev/null

@@ -25,6 +25,13 @@ std::vector<std::string> DebugOutput::Lines() {
   return lines_;
 }
 
+std::vector<std::string> DebugOutput::TakeLines() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> taken;
+  taken.swap(lines_);
+  return taken;
+}
+
 std::string DebugOutput::Text() {
   std::lock_guard<std::mutex> lock(mutex_);
   std::string text;

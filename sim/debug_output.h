@@ -11,6 +11,9 @@ class DebugOutput {
  public:
   void Append(const std::string& piece);
   std::vector<std::string> Lines();  // complete lines, without their line ends
+  // The complete lines so far, which the output then forgets: for a reader that follows it as it
+  // grows (a long run would otherwise keep, and copy, every line it ever printed).
+  std::vector<std::string> TakeLines();
   std::string Text();                // everything, including an unfinished last line
   void Clear();
   void SetEcho(bool echo);           // also write every piece to stderr as it comes

@@ -40,7 +40,11 @@ void ProcessMemory::ReleaseProcess(const _KPROCESS* process) {
   for (auto& [start, block] : blocks_) {
     if (block.process != process || !block.live) continue;
     block.live = false;
+    // The addresses stay reserved, so that a late access faults and is never served by a new
+    // allocation; the pages themselves go back to the host, so that a long run of short-lived
+    // processes does not keep every one of them.
     mprotect(reinterpret_cast<void*>(start), block.length, PROT_NONE);
+    madvise(reinterpret_cast<void*>(start), block.length, MADV_DONTNEED);
   }
 }
 

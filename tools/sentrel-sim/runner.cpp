@@ -1,6 +1,7 @@
 #include "runner.h"
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -71,6 +72,11 @@ std::string ImageName(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+std::string Lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
 bool IsNumberField(const Json& value) {
   return value.is_number_unsigned() || (value.is_string() && value.get<std::string>().rfind("0x", 0) == 0);
 }
@@ -109,19 +115,28 @@ class Runner {
   Runner(std::ostream& output, const RunOptions& options) : out_(output), options_(options) {}
 
   int Run(const std::vector<Op>& ops) {
+    Begin(!ops.empty() && ops.front().name == "machine" ? &ops.front() : nullptr);
+    for (const Op& op : ops) Step(op);
+    return End();
+  }
+
+  // One op at a time, for callers that make the scenario as they go (a replayed recording).
+  void Begin(const Op* machineOp) {
     World::Options machine;
-    if (!ops.empty() && ops.front().name == "machine") {
-      machine.machine.processors = static_cast<int>(Number(ops.front().fields, "cpus", 4));
-      machine.machine.windowsMajor = static_cast<int>(Number(ops.front().fields, "windows", 10));
+    if (machineOp) {
+      machine.machine.processors = static_cast<int>(Number(machineOp->fields, "cpus", 4));
+      machine.machine.windowsMajor = static_cast<int>(Number(machineOp->fields, "windows", 10));
     }
     machine.usualProcesses = true;
     world_ = std::make_unique<World>(machine);
     AdoptUsualProcesses();
-    for (const Op& op : ops) {
-      if (op.name == "machine") continue;
-      Perform(op);
-      Flush();
-    }
+  }
+  void Step(const Op& op) {
+    if (op.name == "machine") return;
+    Perform(op);
+    Flush();
+  }
+  int End() {
     Finish();
     return refused_ == 0 && verdict_.Clean() ? 0 : 1;
   }
@@ -137,7 +152,11 @@ class Runner {
     std::shared_ptr<std::vector<uint8_t>> buffer;
   };
 
-  void Emit(const Json& line) { out_ << line.dump() << '\n'; }
+  void Emit(const Json& line) {
+    if (options_.observe) options_.observe(line);
+    if (line.contains("log") && !options_.log) return;  // observed only
+    out_ << line.dump() << '\n';
+  }
   void Reply(const Op& op, Json reply) {
     Json line = {{"reply", op.name}};
     for (auto& [key, value] : reply.items()) line[key] = value;
@@ -264,7 +283,7 @@ class Runner {
       if (Has(f, "checksum")) image.checksum = static_cast<ULONG>(Number(f, "checksum"));
       image.readableHeader = !f.contains("unreadable") || !f["unreadable"].get<bool>();
       uint64_t base = world_->MapImage(*process, image);
-      images_[{Number(f, "pid"), ImageName(Text(f, "path"))}] = base;
+      images_[{Number(f, "pid"), Lower(ImageName(Text(f, "path")))}] = base;
       Reply(op, {{"pid", f["pid"]}, {"base", HexNumber(base)}});
     } else if (name == "thread") {
       Thread(op);
@@ -290,6 +309,11 @@ class Runner {
       if (consumer_ && consumer_->process == process) StopConsumer();
       clients_.erase(pid);
       world_->ExitProcess(*process);
+      // What the scenario kept of the process goes with it: a long scenario holds only live ones.
+      processes_.erase(pid);
+      for (auto it = images_.lower_bound({pid, std::string()}); it != images_.end() && it->first.first == pid;) {
+        it = images_.erase(it);
+      }
       Reply(op, {{"pid", pid}});
     } else if (name == "consumer") {
       Consumer(op);
@@ -498,7 +522,8 @@ class Runner {
     }
     uint64_t start = Number(f, "start");
     if (Has(f, "start_module")) {
-      auto image = images_.find({Number(f, "pid"), Text(f, "start_module")});
+      // Windows' file names match without regard to case.
+      auto image = images_.find({Number(f, "pid"), Lower(ImageName(Text(f, "start_module")))});
       if (image == images_.end()) return Refuse(op, "no image " + Text(f, "start_module") + " in that process");
       start = image->second + Number(f, "start_offset");
     }
@@ -512,6 +537,7 @@ class Runner {
       }
     }
     uint64_t tid = world_->StartThread(*process, creator, start, wanted, byTid);
+    if (f.contains("exit") && f["exit"].get<bool>()) world_->ExitThread(tid);
     Reply(op, {{"pid", f["pid"]}, {"tid", tid}, {"start", HexNumber(start)}});
   }
 
@@ -611,7 +637,7 @@ class Runner {
         if (frame.is_string() && frame.get<std::string>().find('+') != std::string::npos) {
           std::string text = frame.get<std::string>();
           std::string module = text.substr(0, text.find('+'));
-          auto image = images_.find({pid, module});
+          auto image = images_.find({pid, Lower(ImageName(module))});
           if (image == images_.end()) return Refuse(op, "no image " + module + " in process " + std::to_string(pid));
           frames.push_back(image->second + Number(Json{{"v", text.substr(text.find('+') + 1)}}, "v"));
         } else if (IsNumberField(frame)) {
@@ -738,10 +764,8 @@ class Runner {
   // the driver's new log lines follow.
   void Flush() {
     Settle();
-    if (options_.log) {
-      std::vector<std::string> lines = world_->debug().Lines();
-      for (size_t i = logLines_; i < lines.size(); ++i) Emit({{"log", lines[i]}});
-      logLines_ = lines.size();
+    if (options_.log || options_.observeLog) {
+      for (const std::string& line : world_->debug().TakeLines()) Emit({{"log", line}});
     }
     LateReads();
     Drain();
@@ -846,12 +870,24 @@ class Runner {
   uint64_t ringRefused_ = 0;
   uint64_t malformed_ = 0;
   Json losses_;  // the last loss counters the consumer read, null if it never did
-  size_t logLines_ = 0;
   int refused_ = 0;
   ntsim::Verdict verdict_;
 };
 
 }  // namespace
+
+struct Session::Impl {
+  Runner runner;
+  Impl(std::ostream& output, const RunOptions& options) : runner(output, options) {}
+};
+
+Session::Session(std::ostream& output, const RunOptions& options, const Op* machineOp)
+    : impl_(std::make_unique<Impl>(output, options)) {
+  impl_->runner.Begin(machineOp);
+}
+Session::~Session() = default;
+void Session::Perform(const Op& op) { impl_->runner.Step(op); }
+int Session::Finish() { return impl_->runner.End(); }
 
 int RunScenario(std::istream& scenario, std::ostream& output, const RunOptions& options) {
   std::vector<Op> ops;

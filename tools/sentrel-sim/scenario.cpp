@@ -41,7 +41,7 @@ const std::map<std::string, std::vector<Field>>& Schema() {
       {"thread",
        {{"pid", Kind::Number, true}, {"tid", Kind::Number, false}, {"by_pid", Kind::Number, false},
         {"by_tid", Kind::Number, false}, {"start", Kind::Number, false}, {"start_module", Kind::Text, false},
-        {"start_offset", Kind::Number, false}}},
+        {"start_offset", Kind::Number, false}, {"exit", Kind::Bool, false}}},
       {"driver", {{"path", Kind::Text, true}, {"by_pid", Kind::Number, false}}},
       {"exit", {{"pid", Kind::Number, true}}},
       {"logon",
@@ -139,6 +139,46 @@ bool Check(const Json& object, const std::vector<Field>& fields, const std::stri
 
 }  // namespace
 
+bool MakeOp(const Json& object, int line, Op* op, ScenarioError* error) {
+  if (!object.is_object()) {
+    *error = {line, "", "not a JSON object"};
+    return false;
+  }
+  if (!object.contains("op") || !object["op"].is_string()) {
+    *error = {line, "op", object.contains("op") ? "must be a string" : "missing"};
+    return false;
+  }
+  std::string name = object["op"].get<std::string>();
+  auto schema = Schema().find(name);
+  if (schema == Schema().end()) {
+    *error = {line, "op", "unknown op \"" + name + "\""};
+    return false;
+  }
+  if (!Check(object, schema->second, "", line, error)) return false;
+  if (name == "send" && !Check(object["packet"], PacketFields(), "packet.", line, error)) return false;
+  if (name == "white_rules") {
+    static const std::vector<Field> ruleFields = {{"type", Kind::NumberOrText, true}, {"pattern", Kind::Text, true}};
+    bool hasRules = object.contains("rules"), deletes = object.contains("delete") && object["delete"].get<bool>();
+    if (hasRules == deletes) {
+      *error = {line, "rules", "give either rules or \"delete\":true"};
+      return false;
+    }
+    if (hasRules) {
+      for (size_t i = 0; i < object["rules"].size(); ++i) {
+        const Json& rule = object["rules"][i];
+        std::string prefix = "rules[" + std::to_string(i) + "].";
+        if (!rule.is_object()) {
+          *error = {line, prefix, "must be an object"};
+          return false;
+        }
+        if (!Check(rule, ruleFields, prefix, line, error)) return false;
+      }
+    }
+  }
+  *op = Op{line, name, object};
+  return true;
+}
+
 bool ParseScenario(std::istream& input, std::vector<Op>* ops, ScenarioError* error) {
   std::string text;
   int line = 0;
@@ -147,46 +187,17 @@ bool ParseScenario(std::istream& input, std::vector<Op>* ops, ScenarioError* err
     size_t first = text.find_first_not_of(" \t\r");
     if (first == std::string::npos || text[first] == '#') continue;
     Json object = Json::parse(text, nullptr, false);
-    if (object.is_discarded() || !object.is_object()) {
-      *error = {line, "", object.is_discarded() ? "not valid JSON" : "not a JSON object"};
+    if (object.is_discarded()) {
+      *error = {line, "", "not valid JSON"};
       return false;
     }
-    if (!object.contains("op") || !object["op"].is_string()) {
-      *error = {line, "op", object.contains("op") ? "must be a string" : "missing"};
-      return false;
-    }
-    std::string name = object["op"].get<std::string>();
-    auto schema = Schema().find(name);
-    if (schema == Schema().end()) {
-      *error = {line, "op", "unknown op \"" + name + "\""};
-      return false;
-    }
-    if (!Check(object, schema->second, "", line, error)) return false;
-    if (name == "send" && !Check(object["packet"], PacketFields(), "packet.", line, error)) return false;
-    if (name == "white_rules") {
-      static const std::vector<Field> ruleFields = {{"type", Kind::NumberOrText, true}, {"pattern", Kind::Text, true}};
-      bool hasRules = object.contains("rules"), deletes = object.contains("delete") && object["delete"].get<bool>();
-      if (hasRules == deletes) {
-        *error = {line, "rules", "give either rules or \"delete\":true"};
-        return false;
-      }
-      if (hasRules) {
-        for (size_t i = 0; i < object["rules"].size(); ++i) {
-          const Json& rule = object["rules"][i];
-          std::string prefix = "rules[" + std::to_string(i) + "].";
-          if (!rule.is_object()) {
-            *error = {line, prefix, "must be an object"};
-            return false;
-          }
-          if (!Check(rule, ruleFields, prefix, line, error)) return false;
-        }
-      }
-    }
-    if (name == "machine" && !ops->empty()) {
+    Op op;
+    if (!MakeOp(object, line, &op, error)) return false;
+    if (op.name == "machine" && !ops->empty()) {
       *error = {line, "op", "machine must be the first op"};
       return false;
     }
-    ops->push_back(Op{line, name, object});
+    ops->push_back(std::move(op));
   }
   return true;
 }

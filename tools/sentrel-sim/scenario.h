@@ -26,6 +26,8 @@ struct ScenarioError {
   std::string message;
 };
 
+// One op from its object, checked as ParseScenario checks a line.
+bool MakeOp(const Json& object, int line, Op* op, ScenarioError* error);
 // Every op of the scenario, or the first error. Blank lines and lines starting with '#' are skipped.
 bool ParseScenario(std::istream& input, std::vector<Op>* ops, ScenarioError* error);
 

@@ -563,6 +563,16 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
       Stop("CreateProcess: a process parameter of " + std::to_string(text->size()) + " characters (32,766 at most)");
     }
   }
+  // Its address space begins with the environment block and parameters, in place before anyone
+  // can find the process (a driver's scan of the running processes reads them).
+  EnvironmentSpec environment;
+  environment.imagePath = spec.imagePath.rfind(u"\\??\\", 0) == 0 ? spec.imagePath.substr(4) : spec.imagePath;
+  environment.commandLine = spec.commandLine;
+  environment.currentDirectory = spec.currentDirectory;
+  environment.normalized = spec.normalizedParameters;
+  environment.wow64 = spec.wow64;
+  EnvironmentBlock block;
+  bool placed = true;
   _KPROCESS* process = k.ps.CreateProcess(spec.pid, spec.imagePath, spec.parentPid, spec.commandLine,
                                           [&](_KPROCESS* made) {
                                             made->token = k.se.CreateToken(logonId, integrityRid, spec.sessionId);
@@ -570,23 +580,17 @@ UserProcess& World::CreateProcess(const ProcessSpec& spec) {
                                             made->sessionId = spec.sessionId;
                                             made->devicePath = DevicePath(spec.imagePath);
                                             made->imageFile = ReferenceImageFile(spec.imagePath);
+                                            block = BuildEnvironment(k.userMemory, made, environment);
+                                            made->peb = block.peb;
+                                            made->wow64Peb = block.wow64Peb;
+                                            AddressSpace::Allocation memory;
+                                            memory.base = block.base;
+                                            memory.regions.push_back({block.size, MEM_COMMIT, PAGE_READWRITE});
+                                            placed = made->addressSpace.Add(memory);
                                           });
   if (!process) Stop("CreateProcess: process id " + std::to_string(spec.pid) + " is in use");
-
-  // Its address space: the environment block and parameters, then its executable and ntdll.dll.
-  EnvironmentSpec environment;
-  environment.imagePath = spec.imagePath.rfind(u"\\??\\", 0) == 0 ? spec.imagePath.substr(4) : spec.imagePath;
-  environment.commandLine = spec.commandLine;
-  environment.currentDirectory = spec.currentDirectory;
-  environment.normalized = spec.normalizedParameters;
-  environment.wow64 = spec.wow64;
-  EnvironmentBlock block = BuildEnvironment(k.userMemory, process, environment);
-  process->peb = block.peb;
-  process->wow64Peb = block.wow64Peb;
-  AddressSpace::Allocation memory;
-  memory.base = block.base;
-  memory.regions.push_back({block.size, MEM_COMMIT, PAGE_READWRITE});
-  if (!process->addressSpace.Add(memory)) Stop("CreateProcess: the environment block lies outside user space");
+  if (!placed) Stop("CreateProcess: the environment block lies outside user space");
+  // Then its executable and ntdll.dll.
   std::vector<std::pair<std::u16string, uint64_t>> images;
   if (spec.mapExecutable) {
     ImageSpec executable;

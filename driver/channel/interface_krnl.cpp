@@ -250,9 +250,18 @@ Exit:
   return status;
 }
 
+// The newest registration of the device; the list lock is held by the caller.
+static PPRODUCER_INFO sk_FindProducer_Locked(PDEVICE_OBJECT DeviceObject) {
+  PLIST_ENTRY entry;
+  for (entry = InterfaceKrnlMgr.ProducerList.Flink; entry != &InterfaceKrnlMgr.ProducerList; entry = entry->Flink) {
+    PPRODUCER_INFO producer = CONTAINING_RECORD(entry, PRODUCER_INFO, ListEntry);
+    if (producer->DeviceObject == DeviceObject) return producer;
+  }
+  return NULL;
+}
+
 NTSTATUS sk_GetInterfaceKrnl(PDEVICE_OBJECT Identity, SK_INTERFACE_KRNL *Table) {
   NTSTATUS status = STATUS_NOT_FOUND;
-  PLIST_ENTRY entry;
   SK_INTERFACE_KRNL table;
 
   PAGED_CODE();
@@ -263,12 +272,7 @@ NTSTATUS sk_GetInterfaceKrnl(PDEVICE_OBJECT Identity, SK_INTERFACE_KRNL *Table) 
     goto Exit;
   }
   skt_AcquireShared(&InterfaceKrnlMgr.ProducerListLock);
-  for (entry = InterfaceKrnlMgr.ProducerList.Flink; entry != &InterfaceKrnlMgr.ProducerList; entry = entry->Flink) {
-    if (CONTAINING_RECORD(entry, PRODUCER_INFO, ListEntry)->DeviceObject == Identity) {
-      status = STATUS_SUCCESS;
-      break;
-    }
-  }
+  if (sk_FindProducer_Locked(Identity)) status = STATUS_SUCCESS;
   skt_Release(&InterfaceKrnlMgr.ProducerListLock);
   if (!NT_SUCCESS(status)) goto Exit;
   table.Tag = SK_INTERFACE_KRNL_TAG;
@@ -311,7 +315,6 @@ static NTSTATUS sk_FindProducerDevice(PPRODUCER_INFO Producer, PBOOLEAN Same) {
 
 NTSTATUS sk_DelProducerInfo(PDEVICE_OBJECT DeviceObject) {
   NTSTATUS status = STATUS_INVALID_PARAMETER;
-  PLIST_ENTRY entry;
   PPRODUCER_INFO producer = NULL;
   BOOLEAN same;
 
@@ -323,13 +326,8 @@ NTSTATUS sk_DelProducerInfo(PDEVICE_OBJECT DeviceObject) {
     goto Exit;
   }
   skt_AcquireExclusive(&InterfaceKrnlMgr.ProducerListLock);
-  for (entry = InterfaceKrnlMgr.ProducerList.Flink; entry != &InterfaceKrnlMgr.ProducerList; entry = entry->Flink) {
-    if (CONTAINING_RECORD(entry, PRODUCER_INFO, ListEntry)->DeviceObject == DeviceObject) {
-      producer = CONTAINING_RECORD(entry, PRODUCER_INFO, ListEntry);
-      RemoveEntryList(entry);
-      break;
-    }
-  }
+  producer = sk_FindProducer_Locked(DeviceObject);
+  if (producer) RemoveEntryList(&producer->ListEntry);
   skt_Release(&InterfaceKrnlMgr.ProducerListLock);
   if (!producer) goto Exit;
 

@@ -685,6 +685,7 @@ void World::EndThread(_KTHREAD* thread) {
     k.ob.CloseAll(process->handles);
     if (PFILE_OBJECT image = k.ps.TakeImageFile(process)) k.ob.Dereference(image);
     k.userMemory.ReleaseProcess(process);
+    process->addressSpace.Clear();
     // The address space goes now: a view of driver memory still in it is a bug check.
     for (const UserView& view : k.mm.TakeViewsOf(process)) {
       k.verifier.Violation("process exit", "process " + std::to_string(process->id) +

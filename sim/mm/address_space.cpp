@@ -33,6 +33,11 @@ bool AddressSpace::Remove(uintptr_t base) {
   return allocations_.erase(base) != 0;
 }
 
+void AddressSpace::Clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  allocations_.clear();
+}
+
 uintptr_t AddressSpace::FindFree(size_t size, uintptr_t from) const {
   size = (size + kAllocationGranularity - 1) & ~(kAllocationGranularity - 1);
   uintptr_t candidate = (from + kAllocationGranularity - 1) & ~(kAllocationGranularity - 1);

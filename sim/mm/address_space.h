@@ -41,6 +41,8 @@ class AddressSpace {
   // False if the allocation leaves the user range, is not aligned, or overlaps another.
   bool Add(const Allocation& allocation);
   bool Remove(uintptr_t base);
+  // Everything goes: the process has exited and its address space is torn down.
+  void Clear();
   // The lowest aligned base at or above `from` where size bytes are free; 0 if there is none.
   uintptr_t FindFree(size_t size, uintptr_t from) const;
   // ZwQueryVirtualMemory's MemoryBasicInformation for the page holding address.

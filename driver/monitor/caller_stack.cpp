@@ -122,7 +122,7 @@ NTSTATUS sk_GetCallerStackInfoPackage_ProcNode(PPROC_INFO_NODE Node, PVOID *Pack
   }
   ExReleaseFastMutex(Node->ImageListLock);
 
-  size = SK_CALLER_STACK_HEADER_SIZE;
+  size = SK_CALLER_STACK_HEADER_BYTES;
   for (i = 0; i < record->Depth; ++i) {
     PPROC_IMAGE_RECORD image = record->Images[i];
     if (image && image->ImageNode) {
@@ -142,10 +142,10 @@ NTSTATUS sk_GetCallerStackInfoPackage_ProcNode(PPROC_INFO_NODE Node, PVOID *Pack
   }
   RtlZeroMemory(package, size);
   ((PULONG)package)[0] = size;
-  ((PULONG)package)[1] = SK_CALLER_STACK_KIND;
+  ((PULONG)package)[1] = SK_PACKAGE_CALLER_STACK;
   ((PULONG)package)[2] = size;
   ((PULONG)package)[3] = record->Depth;
-  at = SK_CALLER_STACK_HEADER_SIZE;
+  at = SK_CALLER_STACK_HEADER_BYTES;
   for (i = 0; i < record->Depth; ++i) {
     ULONG bytes = sk_FrameText(record, i, text) * sizeof(WCHAR);
     if (at + 4 + bytes > size) {

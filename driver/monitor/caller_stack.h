@@ -5,9 +5,8 @@
 
 #include "platform/nt.h"
 #include "monitor/process_mgr.h"
+#include "sentrel/package.h"  // SK_PACKAGE_CALLER_STACK and its header
 
-#define SK_CALLER_STACK_KIND 4
-#define SK_CALLER_STACK_HEADER_SIZE 16  // Length, Type, NextOffset, Depth
 #define SK_CALLER_STACK_MAX_FRAMES 256
 
 // The current thread's caller stack.

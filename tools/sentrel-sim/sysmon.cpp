@@ -295,6 +295,9 @@ class Replay {
       case 5: {
         uint64_t pid = Pid(*e.Number("ProcessId"));
         if (running_.erase(pid)) Do({{"op", "exit"}, {"pid", pid}});
+        // What the replay knew of its images goes with it: only live processes are kept.
+        mappedModules_.erase(mappedModules_.lower_bound({pid, std::string()}),
+                             mappedModules_.lower_bound({pid + 1, std::string()}));
         // A process's end is not one of Sentrel's events.
         ++notObservable_;
         auto pooled = pool_.find(pid);

@@ -56,7 +56,11 @@ std::string Verdict::Report() const {
 // ---------------------------------------------------------------------------------------------
 
 UserProcess::UserProcess(World& world, _KPROCESS* process, _KTHREAD* initialThread)
-    : world_(world), process_(process), initialThreadId_(initialThread ? initialThread->id : 0) {}
+    : world_(world), process_(process), initialThreadId_(initialThread ? initialThread->id : 0) {
+  world_.kernel().ob.Reference(process_);  // as its creator's process handle would
+}
+
+UserProcess::~UserProcess() { world_.kernel().ob.Dereference(process_); }
 
 uint64_t UserProcess::Id() const { return process_->id; }
 
@@ -675,10 +679,18 @@ void World::EndThread(_KTHREAD* thread) {
        thread->scopes.load(std::memory_order_acquire) > own && std::chrono::steady_clock::now() < deadline;) {
     std::this_thread::sleep_for(1ms);
   }
+  {
+    ThreadScope scope(thread, KernelMode);
+    NotifyThreadEnd(thread, end.last);
+  }
+  k.ps.Retire(thread);
+}
+
+void World::NotifyThreadEnd(_KTHREAD* thread, bool last) {
+  Kernel& k = *kernel_;
   _KPROCESS* process = thread->process;
-  ThreadScope scope(thread, KernelMode);
   if (thread->announced) k.notify.ThreadExited(IdHandle(process->id), IdHandle(thread->id));
-  if (end.last) {
+  if (last) {
     k.ps.WaitForExitSynchronization(process);
     k.notify.ProcessExited(process, IdHandle(process->id), IdHandle(process->parentId));
     k.ps.RemoveExitedProcess(process);
@@ -692,6 +704,7 @@ void World::EndThread(_KTHREAD* thread) {
                                                " exits with a user view of " + std::to_string(view.length) +
                                                " bytes of driver memory still mapped at " + Hex(view.base, 16));
     }
+    k.ps.ReleaseExitedProcess(process);
   }
 }
 
@@ -699,6 +712,19 @@ void World::ExitProcess(UserProcess& process) {
   std::vector<_KTHREAD*> threads;
   if (!kernel_->ps.BeginExit(process.Process(), &threads)) return;
   for (_KTHREAD* thread : threads) EndThread(thread);
+}
+
+void World::ForgetProcess(UserProcess& process) {
+  if (!process.Exited()) Stop("ForgetProcess: process " + std::to_string(process.Id()) + " is still running");
+  std::unique_ptr<UserProcess> forgotten;  // destroyed outside the lock
+  std::lock_guard<std::mutex> lock(processesMutex_);
+  for (auto it = processes_.begin(); it != processes_.end(); ++it) {
+    if (it->get() == &process) {
+      forgotten = std::move(*it);
+      processes_.erase(it);
+      return;
+    }
+  }
 }
 
 uint64_t World::StartThread(UserProcess& process, UserProcess* creator, uint64_t startAddress, uint64_t threadId,

@@ -83,6 +83,9 @@ enum class ProcessMemoryPart { EnvironmentBlock, Parameters, CommandLine, Curren
 class UserProcess {
  public:
   UserProcess(World& world, _KPROCESS* process, _KTHREAD* initialThread);
+  ~UserProcess();
+  UserProcess(const UserProcess&) = delete;
+  UserProcess& operator=(const UserProcess&) = delete;
   uint64_t Id() const;
   uint64_t InitialThreadId() const { return initialThreadId_; }
   // The id of the thread the calling host thread acts as in this process.
@@ -221,6 +224,10 @@ class World {
   // CreateProcess with the System process as parent; a bare file name is taken from System32.
   UserProcess& StartProcess(const std::u16string& imageName);
   void ExitProcess(UserProcess& process);
+  // The caller is done with an exited process: the world's record of it goes (the process object
+  // goes with its last reference), so that a long run keeps only its live processes. A process
+  // that has not exited stops the test.
+  void ForgetProcess(UserProcess& process);
   // The new thread's id; startAddress is where its user-mode code starts (its Win32 start address).
   // threadId: the id the new thread gets (0: the next free one; an id in use stops the test);
   // creatorThreadId: which of the creator's threads creates it (0: the calling host thread's).
@@ -315,6 +322,7 @@ class World {
   void CloseImage();
   FileNode* FindFile(const std::u16string& ntPath, Volume** volume, std::u16string* key);
   void EndThread(_KTHREAD* thread);
+  void NotifyThreadEnd(_KTHREAD* thread, bool last);  // runs as the thread
   void NotifyImage(const std::u16string& ntImagePath, uint64_t processId, uint64_t base, uint64_t size,
                    bool kernelImage);
   uint64_t PlaceImage(_KPROCESS* process, const ImageSpec& image, uint64_t from = 0);

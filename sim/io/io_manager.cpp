@@ -274,6 +274,8 @@ PIRP IoManager::AllocateIrp(CCHAR stackSize) {
   RequestState& state = requests_[irp];
   state = RequestState();
   state.serial = nextSerial_++;
+  state.requestor = CurrentThread();  // Tail.Overlay.Thread names it until the request is freed
+  ob_->Reference(state.requestor);
   return irp;
 }
 
@@ -491,6 +493,7 @@ PIRP IoManager::BuildDeviceIoControl(ULONG code, PDEVICE_OBJECT device, PVOID in
   RequestState& state = requests_[irp];
   state.freeOnCompletion = true;
   state.thread = CurrentThread();  // a threaded request: its thread's end cancels it
+  ob_->Reference(state.thread);    // and the request names it (IoGetRequestorProcess) until it is freed
   state.systemBuffer = std::move(system);
   if (copyBack) {
     state.output = out;
@@ -543,7 +546,10 @@ std::shared_ptr<PendingIo> IoManager::Issue(const std::shared_ptr<PendingIo>& op
     std::lock_guard<std::mutex> lock(mutex_);
     RequestState& state = requests_[irp];
     state.operation = op;
-    state.thread = CurrentThread();
+    if (!state.thread) {
+      state.thread = CurrentThread();
+      ob_->Reference(state.thread);
+    }
     state.dispatching = true;
     serial = state.serial;
   }
@@ -781,12 +787,23 @@ void IoManager::DeferredDereferences() {
 
 void IoManager::FreeIrp(PIRP irp) {
   FreeMdls(irp->MdlAddress);
-  std::lock_guard<std::mutex> lock(mutex_);
-  requests_.erase(irp);
-  // Poisoned, so that a driver that touches a freed request reads garbage even where no address
-  // sanitizer would report the touch.
-  std::memset(irp, 0xDD, irp->Size);
-  std::free(irp);
+  _KTHREAD* thread = nullptr;
+  _KTHREAD* requestor = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = requests_.find(irp);
+    if (it != requests_.end()) {
+      thread = it->second.thread;
+      requestor = it->second.requestor;
+      requests_.erase(it);
+    }
+    // Poisoned, so that a driver that touches a freed request reads garbage even where no address
+    // sanitizer would report the touch.
+    std::memset(irp, 0xDD, irp->Size);
+    std::free(irp);
+  }
+  if (thread) ob_->Dereference(thread);
+  if (requestor) ob_->Dereference(requestor);
 }
 
 size_t IoManager::AllocatedRequests() {

@@ -194,6 +194,7 @@ class IoManager {
     ULONG outputLength = 0;
     // Requests queued to a thread (threaded requests), which its exit and CancelIo cancel.
     _KTHREAD* thread = nullptr;
+    _KTHREAD* requestor = nullptr;  // the thread that allocated it; both are referenced
     std::shared_ptr<PendingIo> operation;  // issued through the system services
     // Who may still touch the request: a canceller between finding the request and IoCancelIrp's
     // return, and its dispatch routine until it returns, unless the request was marked pending:

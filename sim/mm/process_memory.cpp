@@ -45,7 +45,24 @@ void ProcessMemory::ReleaseProcess(const _KPROCESS* process) {
     // processes does not keep every one of them.
     mprotect(reinterpret_cast<void*>(start), block.length, PROT_NONE);
     madvise(reinterpret_cast<void*>(start), block.length, MADV_DONTNEED);
+    released_.push_back(start);
   }
+  while (released_.size() > kQuarantine) ForgetOldestReleased();
+}
+
+void ProcessMemory::ForgetOldestReleased() {
+  uintptr_t start = released_.front();
+  released_.pop_front();
+  auto block = blocks_.find(start);
+  uintptr_t end = start + block->second.length;
+  munmap(reinterpret_cast<void*>(start), block->second.length);
+  blocks_.erase(block);
+  faulting_.erase(faulting_.lower_bound(start), faulting_.lower_bound(end));
+}
+
+size_t ProcessMemory::BlockCount() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return blocks_.size();
 }
 
 bool ProcessMemory::Faults(const void* address, size_t length, const _KPROCESS* current) {

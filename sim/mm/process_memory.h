@@ -3,11 +3,12 @@
 // runs in that process (its own thread, or attached with KeStackAttachProcess), and only through a
 // guarded copy; a read from another process's context faults as an unmapped address would. Pages
 // can be made to fault (they become inaccessible, so an unguarded read really crashes), and when a
-// process exits its blocks fault from then on.
+// process exits its blocks fault from then on (for as long as they are in quarantine, below).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 
@@ -28,15 +29,24 @@ class ProcessMemory {
   // process's user memory is not this class's concern (false).
   bool Faults(const void* address, size_t length, const _KPROCESS* current);
 
+  // Released blocks stay reserved, so that a late access faults, for the newest kQuarantine of
+  // them; older ones are unmapped and forgotten, so that a long run keeps only what its live
+  // processes have (and a bounded past).
+  static constexpr size_t kQuarantine = 4096;
+  size_t BlockCount();  // live and quarantined
+
  private:
   struct Block {
     const _KPROCESS* process = nullptr;
     size_t length = 0;
     bool live = true;
   };
+  void ForgetOldestReleased();  // with the lock held
+
   std::mutex mutex_;
   std::map<uintptr_t, Block> blocks_;       // by start
   std::map<uintptr_t, uintptr_t> faulting_;  // page-aligned start -> end
+  std::deque<uintptr_t> released_;           // starts of released blocks, oldest first
 };
 
 }  // namespace ntsim

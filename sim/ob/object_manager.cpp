@@ -94,6 +94,10 @@ ObjectManager::ObjectManager() {
   types.key.name = u"Key";
   types.token.name = u"Token";
   types.token.validAccessMask = 0x000F01FF;  // TOKEN_ALL_ACCESS
+  for (_OBJECT_TYPE* type : {&types.directory, &types.symbolicLink, &types.device, &types.driver, &types.file,
+                             &types.process, &types.thread, &types.key, &types.token}) {
+    type->owner = this;
+  }
   DirectoryBody* root = CreateObjectOf<DirectoryBody>(&types.directory);
   root_ = HeaderOf(root);
   root_->permanent = true;

@@ -14,8 +14,13 @@
 #include "ntsim/ntsim.h"
 #include "rtl/name_text.h"
 
+namespace ntsim {
+class ObjectManager;
+}
+
 struct _OBJECT_TYPE {
   std::u16string name;
+  ntsim::ObjectManager* owner = nullptr;  // the object manager whose objects are of this type
   // Runs when the last pointer reference goes; the body is freed afterwards.
   void (*onDelete)(void* body) = nullptr;
   // Runs when the last handle goes (files send their cleanup request here).

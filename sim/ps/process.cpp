@@ -23,6 +23,21 @@ thread_local const uint64_t t_hostThread = ++g_hostThreads;
 void DestroyProcess(void* body) { static_cast<_KPROCESS*>(body)->~_KPROCESS(); }
 void DestroyThread(void* body) { static_cast<_KTHREAD*>(body)->~_KTHREAD(); }
 
+// The last reference went: a process lets go of its token, a thread of its process. (The kernel
+// they belong to need not be the booted one: a test may have booted another since.)
+void DeleteProcess(void* body) {
+  ObjectManager* ob = ObjectManager::HeaderOf(body)->type->owner;
+  void* token = static_cast<_KPROCESS*>(body)->token;
+  DestroyProcess(body);
+  if (token) ob->Dereference(token);
+}
+void DeleteThread(void* body) {
+  ObjectManager* ob = ObjectManager::HeaderOf(body)->type->owner;
+  _KPROCESS* process = static_cast<_KTHREAD*>(body)->process;
+  DestroyThread(body);
+  ob->Dereference(process);
+}
+
 template <typename T>
 void Forget(std::vector<T*>& items, T* item) {
   items.erase(std::remove(items.begin(), items.end(), item), items.end());
@@ -39,8 +54,8 @@ LONGLONG SystemTimeNow() {
 
 void ProcessManager::Boot(ObjectManager& ob) {
   ob_ = &ob;
-  ob.types.process.onDelete = DestroyProcess;
-  ob.types.thread.onDelete = DestroyThread;
+  ob.types.process.onDelete = DeleteProcess;
+  ob.types.thread.onDelete = DeleteThread;
   ob.types.process.destroyBody = DestroyProcess;
   ob.types.thread.destroyBody = DestroyThread;
   system_ = CreateProcess(4, u"System", 0);
@@ -50,7 +65,7 @@ void ProcessManager::Boot(ObjectManager& ob) {
 void ProcessManager::Teardown() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    objects_.clear();
+    retired_.clear();
     liveProcesses_.clear();
     creationOrder_.clear();
     liveThreads_.clear();
@@ -84,7 +99,6 @@ _KPROCESS* ProcessManager::CreateProcess(uint64_t id, const std::u16string& imag
     ob_->Dereference(process);
     return nullptr;
   }
-  objects_.push_back(process);
   creationOrder_.push_back(process);
   if (process->id >= nextId_) nextId_ = (process->id + 4) & ~uint64_t(3);
   return process;
@@ -99,6 +113,7 @@ _KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced, uint6
   }
   _KTHREAD* thread = ob_->CreateObjectOf<_KTHREAD>(&ob_->types.thread);
   thread->id = id ? id : NewId();
+  ob_->Reference(process);  // a thread object keeps its process object
   thread->process = process;
   thread->announced = announced;
   thread->win32StartAddress = win32StartAddress;  // set before the thread can be seen
@@ -115,7 +130,6 @@ _KTHREAD* ProcessManager::CreateThread(_KPROCESS* process, bool announced, uint6
   KeGetProcessorNumberFromIndex(thread->processor, &number);
   thread->group = thread->userGroup = number.Group;
   thread->affinity = thread->userAffinity = GroupAffinityMask(number.Group);
-  objects_.push_back(thread);
   liveThreads_[thread->id] = thread;
   process->threads.push_back(thread);
   return thread;
@@ -190,6 +204,27 @@ void ProcessManager::RemoveExitedProcess(_KPROCESS* process) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = liveProcesses_.find(process->id);
   if (it != liveProcesses_.end() && it->second == process) liveProcesses_.erase(it);
+}
+
+void ProcessManager::ReleaseExitedProcess(_KPROCESS* process) {
+  if (process != system_) ob_->Dereference(process);
+}
+
+void ProcessManager::Retire(_KTHREAD* thread) {
+  std::vector<_KTHREAD*> released;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (thread) retired_.push_back(thread);
+    for (auto it = retired_.begin(); it != retired_.end();) {
+      if ((*it)->scopes.load(std::memory_order_acquire) == 0) {
+        released.push_back(*it);
+        it = retired_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (_KTHREAD* done : released) ob_->Dereference(done);
 }
 
 bool ProcessManager::BeginExit(_KPROCESS* process, std::vector<_KTHREAD*>* threads) {

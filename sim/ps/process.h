@@ -133,6 +133,12 @@ class ProcessManager {
   // Windows, where the id goes with the process object, a lookup by id still finds it in the exit
   // notification.
   void RemoveExitedProcess(_KPROCESS* process);
+  // The manager's own references: a process's goes once its exit is done, a thread's once it has
+  // ended and no host thread runs as it any more (a thread still run as waits for a later call).
+  // The objects themselves go with their last reference, as on Windows: a driver or a handle may
+  // keep one long after; a thread keeps its process, a process its token.
+  void ReleaseExitedProcess(_KPROCESS* process);
+  void Retire(_KTHREAD* thread);
   // Begins a process's exit: its live threads, in creation order; false if its exit had begun.
   bool BeginExit(_KPROCESS* process, std::vector<_KTHREAD*>* threads);
 
@@ -170,7 +176,7 @@ class ProcessManager {
   std::function<void()> snapshotHook_;
   ObjectManager* ob_ = nullptr;
   _KPROCESS* system_ = nullptr;
-  std::vector<void*> objects_;  // every process and thread made, each holding a reference
+  std::vector<_KTHREAD*> retired_;  // ended threads some host thread still ran as when they were retired
   std::vector<_KPROCESS*> creationOrder_;  // live processes
   std::unordered_map<uint64_t, _KPROCESS*> liveProcesses_;
   std::unordered_map<uint64_t, _KTHREAD*> liveThreads_;

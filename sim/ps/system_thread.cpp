@@ -47,6 +47,7 @@ void SystemThreadMain(Kernel* kernel, _KTHREAD* thread, PKSTART_ROUTINE routine,
     }
     DispatcherWake().notify_all();
   }
+  kernel->ps.Retire(thread);  // the thread object stays while a driver or a handle keeps it
   ResetCurrentThreadBinding();
 }
 

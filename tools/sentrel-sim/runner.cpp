@@ -311,6 +311,7 @@ class Runner {
       world_->ExitProcess(*process);
       // What the scenario kept of the process goes with it: a long scenario holds only live ones.
       processes_.erase(pid);
+      world_->ForgetProcess(*process);
       for (auto it = images_.lower_bound({pid, std::string()}); it != images_.end() && it->first.first == pid;) {
         it = images_.erase(it);
       }

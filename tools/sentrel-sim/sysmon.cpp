@@ -6,6 +6,7 @@
 #include <list>
 #include <map>
 #include <set>
+#include <unordered_set>
 
 namespace sentrel_sim {
 
@@ -93,10 +94,9 @@ bool ReadEvent(const std::string& text, int line, Recorded* event, std::string* 
 
 bool Replayed(int id) { return id == 1 || id == 5 || id == 6 || id == 7 || id == 8; }
 
-// What the first pass learns of a process the recording names.
+// What the first pass learns of a process that ran before the recording: one named before (or
+// without) its start.
 struct ProcessFacts {
-  bool created = false;     // an event 1 shows its start before anything else names it
-  bool preexisting = false;  // named before (or without) its start
   std::string image, commandLine;
   uint64_t logonId = 0;  // its own, or for a process that ran before, a child's
 };
@@ -171,13 +171,19 @@ class Replay {
           uint64_t logon = e.Number("LogonId").value_or(0);
           if (e.Number("ParentProcessId")) {
             Name(*e.Number("ParentProcessId"), e.Text("ParentImage"), e.Text("ParentCommandLine"));
-            ProcessFacts& parent = facts_[*e.Number("ParentProcessId")];
-            if (parent.preexisting && !parent.logonId) parent.logonId = logon;
+            auto parent = facts_.find(*e.Number("ParentProcessId"));
+            if (parent != facts_.end() && !parent->second.logonId) parent->second.logonId = logon;
           }
-          ProcessFacts& facts = facts_[*e.Number("ProcessId")];
-          if (!facts.preexisting) facts.created = true;
-          facts.image = e.Text("Image");
-          facts.logonId = logon;
+          uint64_t pid = *e.Number("ProcessId");
+          auto facts = facts_.find(pid);
+          if (facts != facts_.end()) {
+            facts->second.image = e.Text("Image");
+            facts->second.logonId = logon;
+          } else {
+            // Only the id of a process whose start was recorded is kept: what it is comes with
+            // its event 1 in the second pass.
+            created_.insert(pid);
+          }
           LearnUser(e);
           break;
         }
@@ -194,8 +200,8 @@ class Replay {
   }
   void Name(uint64_t pid, const std::string& image, const std::string& commandLine) {
     if (pid == 0 || pid == 4) return;
+    if (created_.count(pid)) return;
     ProcessFacts& facts = facts_[pid];
-    if (!facts.created) facts.preexisting = true;
     if (facts.image.empty()) facts.image = image;
     if (facts.commandLine.empty()) facts.commandLine = commandLine;
   }
@@ -240,7 +246,6 @@ class Replay {
           {"session", user.second}});
     }
     for (const auto& [pid, facts] : facts_) {
-      if (!facts.preexisting) continue;
       Json op = {{"op", "process"}, {"pid", Pid(pid)}, {"image", facts.image.empty() ? "C:\\Windows\\System32\\svchost.exe" : facts.image}};
       if (!facts.commandLine.empty()) op["cmdline"] = facts.commandLine;
       // The user of a process the recording never saw start: that of a child it started, if any.
@@ -322,7 +327,7 @@ class Replay {
         std::string name = Lower(FileName(path));
         // The executable and ntdll.dll came with the process.
         bool mapped = Lower(path) == Lower(e.Text("Image")) || name == "ntdll.dll" ||
-                      ((name == "kernel32.dll" || name == "kernelbase.dll") && facts_[*e.Number("ProcessId")].preexisting);
+                      ((name == "kernel32.dll" || name == "kernelbase.dll") && facts_.count(*e.Number("ProcessId")));
         if (!running_.count(pid)) {
           Unmatched(e, "its process is not running");
           return;
@@ -481,7 +486,8 @@ class Replay {
   SysmonOptions options_;
   bool emitOnly_ = false;
   std::unique_ptr<Session> session_;
-  std::map<uint64_t, ProcessFacts> facts_;
+  std::map<uint64_t, ProcessFacts> facts_;  // the processes that ran before the recording
+  std::unordered_set<uint64_t> created_;    // the ids of processes whose start it recorded
   std::map<uint64_t, std::pair<std::string, uint64_t>> users_;  // logon id -> user, session
   std::map<uint64_t, uint64_t> remapped_;
   std::set<uint64_t> running_;

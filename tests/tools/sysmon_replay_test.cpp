@@ -9,7 +9,9 @@
 #include <sstream>
 
 #include "scenario.h"
+#include "sentrel/event_types.h"
 #include "sysmon.h"
+#include "white_rule_log.h"
 
 namespace {
 
@@ -28,10 +30,11 @@ struct Replayed {
   }
 };
 
-Replayed Replay(const std::string& path, bool emitScenario = false) {
+Replayed Replay(const std::string& path, bool emitScenario = false, const std::string& whiteRules = "") {
   std::ostringstream out;
   sentrel_sim::SysmonOptions options;
   options.emitScenario = emitScenario;
+  options.whiteRules = whiteRules;
   Replayed run;
   run.status = sentrel_sim::ReplaySysmon(path, out, options);
   std::istringstream lines(out.str());
@@ -100,6 +103,69 @@ TEST(SysmonReplayTest, ADriverLoadAndABenignHourAreAccountedFor) {
   EXPECT_EQ(c["skipped"], (Json{{"3", 1}, {"22", 1}}));
   EXPECT_EQ(c["reported_and_recorded"], 5);
   EXPECT_EQ(c["filtered_by_white_rule"]["count"], 4);
+}
+
+TEST(SysmonReplayTest, TheConsumersWhiteRulesAreUploadedAndEachFilteredEventNamesItsRule) {
+  TempRecording rules(
+      "# the agent's own rules\n"
+      "ET_IMAGE_LOAD       \\??\\C:\\Program Files\\Backup\\*\n"
+      "ET_PROCESS_CREATE   *\\GIT.exe\n");
+  Replayed hour = Replay(Recording("benign-hour.jsonl"), false, rules.Path());
+  ASSERT_EQ(hour.status, 0);
+  Json c = hour.Comparison();
+  EXPECT_EQ(c["clean"], true) << c.dump();
+  EXPECT_EQ(c["white_rules_uploaded"], (Json{{"rules", 2}, {"status", "0x00000000"}}));
+  EXPECT_EQ(c["reported_and_recorded"], 3) << "git.exe's creation and the backup agent's image are filtered now";
+  EXPECT_EQ(c["filtered_by_white_rule"]["count"], 6);
+  const Json& byRule = c["filtered_by_white_rule"]["by_rule"];
+  EXPECT_EQ(byRule.size(), 3u) << byRule.dump();
+  EXPECT_EQ(byRule.value("ET_IMAGE_LOAD \\SystemRoot\\*", 0), 4) << "the built-in one";
+  EXPECT_EQ(byRule.value("ET_IMAGE_LOAD \\??\\C:\\Program Files\\Backup\\*", 0), 1);
+  EXPECT_EQ(byRule.value("ET_PROCESS_CREATE *\\GIT.exe", 0), 1) << "a rule's letter case is its own";
+  EXPECT_EQ(hour.Events("ET_PROCESS_CREATE").size(), 2u) << "notepad.exe and the backup agent";
+
+  // A rule for a folder that does not exist is refused by the driver, and the comparison says so.
+  TempRecording missing("ET_PROCESS_CREATE C:\\No Such Folder\\*\n");
+  Json refused = Replay(Recording("benign-hour.jsonl"), false, missing.Path()).Comparison();
+  EXPECT_NE(refused["white_rules_uploaded"]["status"], "0x00000000");
+  EXPECT_EQ(refused["filtered_by_white_rule"]["count"], 4);
+
+  TempRecording broken("ET_PROCESS_CREATE *\\a.exe\nET_NO_SUCH_TYPE *\\b.exe\n");
+  EXPECT_EQ(Replay(Recording("benign-hour.jsonl"), false, broken.Path()).status, 2);
+  EXPECT_EQ(Replay(Recording("benign-hour.jsonl"), false, "/nonexistent/rules.txt").status, 2);
+}
+
+// Which rule passed a path, as the driver's rule engine would have it.
+TEST(SysmonReplayTest, TheRuleThatPassedAPathIsFoundAsTheRuleEngineFindsIt) {
+  sentrel_sim::WhiteRuleLog log;
+  auto line = [&](const std::string& message) { log.Observe("[SK][INFO][T:0x00007F0012345678]   " + message); };
+  line("Add ET_IMAGE_LOAD Rule *\\before.dll Success");  // before the built-in rules' heading: not white
+  line("[sk_AddDefauleWhiteRule] Add Default White Rule");
+  line("Add ET_IMAGE_LOAD Rule *\\System32\\x.dll Success");
+  line("\\SystemRoot\\* -> \\??\\C:\\Windows\\*");
+  line("Add ET_IMAGE_LOAD Rule \\SystemRoot\\* Success");
+  line("Add ET_IMAGE_LOAD Rule *\\broken.dll fail Status:c000009a");
+  line(" sk_AddDefauleWhiteRule -> 00000000");
+  line("Add White Rule [0][C:\\Tools\\*]");
+  line("C:\\Tools\\* -> \\Device\\HarddiskVolume3\\Tools\\*");
+  line("Add White Rule [4][*\\Tools\\y.dll]");
+  line("Add White Rule [0][C:\\Missing\\*]");
+  line("sk_AddWhiteRule fail Status:c0000034");
+  EXPECT_EQ(log.Count(), 4u);
+  // An anchored rule before one that begins with a star, whole components, any case.
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "\\??\\C:\\WINDOWS\\System32\\X.DLL"), "\\SystemRoot\\*");
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "\\??\\D:\\Apps\\System32\\x.dll"), "*\\System32\\x.dll");
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "\\??\\D:\\Apps\\x.dll.bak"), "");
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "\\??\\C:\\WindowsOld\\a.dll"), "") << "a component is matched whole";
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "\\??\\D:\\broken.dll"), "") << "a refused rule";
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "\\??\\D:\\before.dll"), "") << "not a white rule";
+  // The consumer's, by the pattern the driver converted it to.
+  EXPECT_EQ(log.Passing(ET_PROCESS_CREATE, "\\Device\\HarddiskVolume3\\Tools\\a.exe"), "C:\\Tools\\*");
+  EXPECT_EQ(log.Passing(ET_PROCESS_CREATE, "\\Device\\HarddiskVolume3\\Missing\\a.exe"), "");
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "\\??\\D:\\Tools\\y.dll"), "*\\Tools\\y.dll");
+  // Reached from its end, a path's first component keeps its backslash.
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "\\Tools\\y.dll"), "");
+  EXPECT_EQ(log.Passing(ET_IMAGE_LOAD, "D:\\Tools\\y.dll"), "*\\Tools\\y.dll");
 }
 
 TEST(SysmonReplayTest, TheScenarioCanBeWrittenOutAndReadAsAScenario) {

@@ -6,7 +6,12 @@
 #include <list>
 #include <map>
 #include <set>
+#include <sstream>
 #include <unordered_set>
+
+#include "sentrel/event_types.h"
+#include "sentrel_sdk/white_rule_text.h"
+#include "white_rule_log.h"
 
 namespace sentrel_sim {
 
@@ -106,6 +111,7 @@ class Replay {
   Replay(std::ostream& out, const SysmonOptions& options) : out_(out), options_(options) {}
 
   int Run(const std::string& path) {
+    if (!options_.whiteRules.empty() && !ReadWhiteRules(options_.whiteRules)) return 2;
     if (!Scan(path)) return 2;
     if (options_.emitScenario) {
       emitOnly_ = true;
@@ -139,6 +145,34 @@ class Replay {
   static bool IsEventLine(const std::string& text) {
     size_t first = text.find_first_not_of(" \t\r");
     return first != std::string::npos;
+  }
+
+  // The consumer's white rules, as a person writes them (sentrel_sdk/white_rule_text.h).
+  bool ReadWhiteRules(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) {
+      std::fprintf(stderr, "sentrel-sim: cannot read %s\n", path.c_str());
+      return false;
+    }
+    std::stringstream text;
+    text << file.rdbuf();
+    sentrel_sdk::WhiteRuleRecords checked;
+    std::string problem;
+    if (!sentrel_sdk::ParseWhiteRules(text.str(), &checked, &problem)) {
+      std::fprintf(stderr, "sentrel-sim: %s: %s\n", path.c_str(), problem.c_str());
+      return false;
+    }
+    std::istringstream lines(text.str());
+    std::string line;
+    while (std::getline(lines, line)) {
+      size_t start = line.find_first_not_of(" \t\r");
+      if (start == std::string::npos || line[start] == '#') continue;
+      size_t blank = line.find_first_of(" \t", start);
+      size_t pattern = line.find_first_not_of(" \t", blank);
+      size_t end = line.find_last_not_of(" \t\r");
+      uploads_.push_back({{"type", line.substr(start, blank - start)}, {"pattern", line.substr(pattern, end + 1 - pattern)}});
+    }
+    return true;
   }
 
   // Pass one: what every process is, which ran before the recording, who the users are.
@@ -237,7 +271,10 @@ class Replay {
     // The reporters' decisions in the driver's log tell why a recorded event went unreported.
     const std::string debugKey = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Sentrel\\Debug";
     Do({{"op", "registry"}, {"key", debugKey}, {"value", "PrintLevel"}, {"type", "REG_DWORD"}, {"data", 5u}});
-    Do({{"op", "registry"}, {"key", debugKey}, {"value", "TraceLevel"}, {"type", "REG_DWORD"}, {"data", 0x4000u}});
+    // The white rules (0x800), the rule engine (0x20000) and the device (0x4, the consumer's uploads)
+    // name the rules as they are added, so
+    // that a filtered event can be told which rule passed it.
+    Do({{"op", "registry"}, {"key", debugKey}, {"value", "TraceLevel"}, {"type", "REG_DWORD"}, {"data", 0x4000u | 0x800u | 0x20000u | 0x4u}});
     // Sessions other than the well-known ones and the machine's logged-on user.
     int n = 0;
     for (const auto& [logon, user] : users_) {
@@ -264,6 +301,7 @@ class Replay {
     Do({{"op", "process"}, {"pid", kConsumerPid}, {"ppid", 640}, {"image", "C:\\Program Files\\Sentrel\\agent.exe"}});
     Do({{"op", "load"}});
     Do({{"op", "consumer"}, {"pid", kConsumerPid}});
+    if (!uploads_.empty()) Do({{"op", "white_rules"}, {"rules", uploads_}});
   }
 
   static std::string Integrity(const std::string& level) {
@@ -370,9 +408,14 @@ class Replay {
   void Observe(const Json& line) {
     if (line.contains("log")) {
       log_.push_back(line["log"].get<std::string>());
+      whiteRules_.Observe(log_.back());
       return;
     }
     if (line.contains("reply") && line["reply"] == "image" && line.contains("base")) return;
+    if (line.contains("reply") && line["reply"] == "white_rules") {
+      uploaded_ = {{"rules", line.value("rules", Json(0))}, {"status", line.value("status", Json("refused"))}};
+      return;
+    }
     if (!line.contains("event") || line.contains("producer")) return;
     uint64_t pid = line["src_pid"].get<uint64_t>();
     if (pid == kConsumerPid) return;
@@ -401,11 +444,19 @@ class Replay {
     Unmatched(e, "");
   }
 
-  bool Logged(const std::string& text, const std::string& about) const {
+  bool Logged(const std::string& text, const std::string& about) const { return LoggedLine(text, about) != nullptr; }
+  const std::string* LoggedLine(const std::string& text, const std::string& about) const {
     for (const std::string& line : log_) {
-      if (line.find(text) != std::string::npos && (about.empty() || Lower(line).find(Lower(about)) != std::string::npos)) return true;
+      if (line.find(text) != std::string::npos && (about.empty() || Lower(line).find(Lower(about)) != std::string::npos)) return &line;
     }
-    return false;
+    return nullptr;
+  }
+  // The white rule that passed a recorded event, from the path the driver's log names.
+  std::string PassingRule(const Recorded& e, const std::string& logged) const {
+    unsigned type = e.id == 1 ? ET_PROCESS_CREATE : e.id == 8 ? ET_REMOTE_THREAD_CREATE : e.id == 6 ? ET_DRIVER_LOAD : ET_IMAGE_LOAD;
+    size_t bypass = logged.find("Bypass ");
+    std::string rule = bypass == std::string::npos ? std::string() : whiteRules_.Passing(type, logged.substr(bypass + 7));
+    return std::string(sk_EventTypeName(type)) + " " + (rule.empty() ? "(a rule the driver's log did not list)" : rule);
   }
   bool BlackRuleSingledOut(const Recorded& e) const {
     return e.id == 7 && Logged("Match Black Rule Report", FileName(e.Text("ImageLoaded")));
@@ -414,12 +465,17 @@ class Replay {
   void Unmatched(const Recorded& e, std::string reason) {
     std::string about = e.id == 7 || e.id == 6 ? FileName(e.Text("ImageLoaded")) : FileName(e.Text(e.id == 8 ? "SourceImage" : "Image"));
     if (reason.empty()) {
-      if (Logged("Match White Rule", about)) {
+      // The reporter's own line ("... Match White Rule Bypass <path>"), not the rule engine's.
+      const std::string* logged = LoggedLine("Bypass ", about);
+      if (logged && logged->find("Match White Rule") != std::string::npos) {
         ++whiteRule_;
         std::string key = std::to_string(e.id);
         whiteRuleByEvent_[key] = whiteRuleByEvent_.contains(key) ? whiteRuleByEvent_[key].get<int>() + 1 : 1;
-        // The driver's log names the path a white rule passed (the rule itself it does not name).
-        if (whiteRuleExamples_.size() < 5) whiteRuleExamples_.push_back({{"line", e.line}, {"event", e.id}, {"passed", about}});
+        std::string rule = PassingRule(e, *logged);
+        whiteRuleByRule_[rule] = whiteRuleByRule_.contains(rule) ? whiteRuleByRule_[rule].get<int>() + 1 : 1;
+        if (whiteRuleExamples_.size() < 5) {
+          whiteRuleExamples_.push_back({{"line", e.line}, {"event", e.id}, {"passed", about}, {"rule", rule}});
+        }
         return;
       }
       reason = Logged("sk_GetImageRealPath fail", "")      ? "the image's path could not be converted"
@@ -475,7 +531,8 @@ class Replay {
             {"malformed_lines", malformed_},
             {"reported_and_recorded", both_},
             {"of_which_black_rule", blackRule_},
-            {"filtered_by_white_rule", {{"count", whiteRule_}, {"by_event", whiteRuleByEvent_}, {"examples", whiteRuleExamples_}}},
+            {"white_rules_uploaded", uploaded_},
+            {"filtered_by_white_rule", {{"count", whiteRule_}, {"by_event", whiteRuleByEvent_}, {"by_rule", whiteRuleByRule_}, {"examples", whiteRuleExamples_}}},
             {"recorded_not_reported", {{"count", notReported_}, {"reasons", notReportedReasons_}, {"examples", notReportedExamples_}}},
             {"not_observable", {{"count", notObservable_}, {"why", "event 5 (a process's end) is no event of Sentrel's"}}},
             {"reported_not_recorded", notRecorded_},
@@ -496,7 +553,10 @@ class Replay {
   std::vector<std::string> log_;
   Json recorded_ = Json::object(), skipped_ = Json::object(), malformed_ = Json::array();
   uint64_t both_ = 0, blackRule_ = 0, whiteRule_ = 0, notReported_ = 0, notObservable_ = 0, notRecorded_ = 0;
-  Json whiteRuleExamples_ = Json::array();
+  Json whiteRuleExamples_ = Json::array(), whiteRuleByRule_ = Json::object();
+  WhiteRuleLog whiteRules_;
+  Json uploads_ = Json::array();  // the consumer's white rules
+  Json uploaded_;                  // what the driver answered to them (null when there were none)
   Json whiteRuleByEvent_ = Json::object(), notReportedReasons_ = Json::object(), notReportedExamples_ = Json::array();
   Json differences_ = Json::object(), differenceExamples_ = Json::array();
 };

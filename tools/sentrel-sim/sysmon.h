@@ -20,6 +20,7 @@ namespace sentrel_sim {
 struct SysmonOptions {
   bool emitScenario = false;  // write the scenario the recording becomes, and run nothing
   bool log = false;           // the driver's log lines in the output too
+  std::string whiteRules;     // a file of white rules the consumer uploads once it runs (none if empty)
 };
 
 // Reads the recording twice (the first pass learns which processes exist before it starts). Writes

@@ -1,6 +1,7 @@
 #include "sysmon.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cctype>
 #include <fstream>
 #include <list>
@@ -513,6 +514,21 @@ class Replay {
       bool recordedKnown = !module.empty() && module != "-";
       if (recordedKnown ? Lower(module) != Lower(reported) : reported != "unknow") {
         Differ("start_module", e, module, ev["data"]["module_name"]);
+        return;
+      }
+      // The offset into the module ("+0x3c40": the replay kept the address's low 16 bits), or
+      // outside any image the whole address ("0x1f3a0010000").
+      std::optional<uint64_t> address = e.Number("StartAddress");
+      const Json& offset = ev["data"]["start_offset"];
+      if (!address || !offset.is_string()) return;
+      std::string text = offset.get<std::string>();
+      bool relative = !text.empty() && text[0] == '+';
+      Recorded parsed{0, 0, Json{{"v", relative ? text.substr(1) : text}}};
+      uint64_t expected = recordedKnown ? (*address & 0xFFFF) : *address;
+      if (relative != recordedKnown || parsed.Number("v") != expected) {
+        char want[32];
+        std::snprintf(want, sizeof want, recordedKnown ? "+0x%llx" : "0x%llx", static_cast<unsigned long long>(expected));
+        Differ("start_offset", e, want, offset);
       }
     }
   }

@@ -363,11 +363,12 @@ std::vector<ObjectManager::HeldReferences> ObjectManager::DriverHeldReferences()
   return out;
 }
 
-std::vector<ObjectHeader*> ObjectManager::LiveObjects() {
+size_t ObjectManager::LiveCount(POBJECT_TYPE type) {
   std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<ObjectHeader*> out;
-  for (auto& [body, header] : live_) out.push_back(header);
-  return out;
+  if (!type) return live_.size();
+  size_t n = 0;
+  for (auto& [body, header] : live_) n += header->type == type ? 1 : 0;
+  return n;
 }
 
 }  // namespace ntsim

@@ -139,8 +139,9 @@ class ObjectManager {
   // Closes every handle of a table, as process exit does.
   void CloseAll(HandleTable& table);
 
-  // Every live object (only safe while no other thread drops references).
-  std::vector<ObjectHeader*> LiveObjects();
+  // How many objects are live (of one type, or of any); safe while others run, unlike walking
+  // them would be: an object may go with its last reference on any thread at any time.
+  size_t LiveCount(POBJECT_TYPE type = nullptr);
   // Objects the driver holds references to, for the unload verdict; safe while others run.
   struct HeldReferences {
     std::u16string type;

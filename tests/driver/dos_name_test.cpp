@@ -27,7 +27,7 @@ class DosNameTest : public ::testing::Test {
     world.verifier().FailNth(0);
     world.AsSystem([&] { return sk_UninitDosNameMgr(&mgr); });
     EXPECT_TRUE(world.kernel().pool.Outstanding().empty());
-    for (ntsim::ObjectHeader* header : world.kernel().ob.LiveObjects()) EXPECT_EQ(header->driverReferences.load(), 0);
+    EXPECT_TRUE(world.kernel().ob.DriverHeldReferences().empty());
     PrintLevel = TraceLevel = 0;
   }
   NTSTATUS Init() { return world.AsSystem([&] { return sk_InitDosNameMgr(&mgr); }); }

@@ -47,8 +47,9 @@ inline std::vector<std::string> Messages(ntsim::World& world) {
 // No pool, object reference or kernel handle of the driver's is left behind.
 inline void ExpectNothingHeld(ntsim::World& world, const std::string& when = std::string()) {
   EXPECT_TRUE(world.kernel().pool.Outstanding().empty()) << when;
-  for (ntsim::ObjectHeader* header : world.kernel().ob.LiveObjects()) {
-    EXPECT_EQ(header->driverReferences.load(), 0) << when;
+  for (const auto& held : world.kernel().ob.DriverHeldReferences()) {
+    ADD_FAILURE() << when << ": the driver still holds " << held.count << " reference(s) to a "
+                  << ntsim::ToUtf8(held.type) << " object";
   }
   for (auto& [handle, entry] : world.kernel().ob.KernelHandles().Entries()) {
     EXPECT_FALSE(entry.driverOwned) << when;

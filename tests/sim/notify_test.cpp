@@ -452,13 +452,7 @@ TEST_F(NotifyTest, ImagesAreReportedInTheMappingProcessWithAFileObjectForTheCall
   ASSERT_EQ(PsSetLoadImageNotifyRoutine(OnImage), STATUS_SUCCESS);
   UserProcess& app = Create(u"app.exe");
   ASSERT_TRUE(world_.WriteFileBytes(u"\\SystemRoot\\System32\\helper.dll", std::vector<uint8_t>(64, 0x90)));
-  auto fileObjects = [&] {
-    size_t n = 0;
-    for (ntsim::ObjectHeader* header : world_.kernel().ob.LiveObjects()) {
-      if (header->type == &world_.kernel().ob.types.file) ++n;
-    }
-    return n;
-  };
+  auto fileObjects = [&] { return world_.kernel().ob.LiveCount(&world_.kernel().ob.types.file); };
   size_t filesBefore = fileObjects();
   ClearEvents();  // the executable's and ntdll's loads
 

@@ -22,7 +22,7 @@ HANDLE IdHandle(uint64_t id) { return reinterpret_cast<HANDLE>(static_cast<uintp
 // counted from there.
 size_t LiveObjects(World& world) {
   world.AsSystem([] { return 0; });
-  return world.kernel().ob.LiveObjects().size();
+  return world.kernel().ob.LiveCount();
 }
 
 TEST(ObjectLifetimeTest, AThreadKeptByADriverOutlivesItsProcessAndThenBothGo) {

@@ -178,6 +178,22 @@ _KTHREAD* ProcessManager::FindThread(uint64_t id) {
   return it == liveThreads_.end() ? nullptr : it->second;
 }
 
+_KPROCESS* ProcessManager::ReferenceProcess(uint64_t id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = liveProcesses_.find(id);
+  if (it == liveProcesses_.end()) return nullptr;
+  ob_->Reference(it->second);
+  return it->second;
+}
+
+_KTHREAD* ProcessManager::ReferenceThread(uint64_t id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = liveThreads_.find(id);
+  if (it == liveThreads_.end()) return nullptr;
+  ob_->Reference(it->second);
+  return it->second;
+}
+
 ProcessManager::ThreadEnd ProcessManager::EndThread(_KTHREAD* thread) {
   std::lock_guard<std::mutex> lock(mutex_);
   ThreadEnd end;

@@ -122,6 +122,10 @@ class ProcessManager {
   // Live processes and threads by id; null if none.
   _KPROCESS* FindProcess(uint64_t id);
   _KTHREAD* FindThread(uint64_t id);
+  // The same, referenced for the caller under the id table's lock, as the kernel's lookups do: the
+  // object cannot go between finding and referencing it.
+  _KPROCESS* ReferenceProcess(uint64_t id);
+  _KTHREAD* ReferenceThread(uint64_t id);
 
   struct ThreadEnd {
     bool ended = false;  // false: it had ended already

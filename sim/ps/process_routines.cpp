@@ -19,9 +19,8 @@ uint64_t HandleId(HANDLE handle) { return reinterpret_cast<uintptr_t>(handle); }
 
 NTSTATUS NTAPI PsLookupProcessByProcessId(HANDLE ProcessId, PEPROCESS* Process) {
   Kernel& k = K();
-  _KPROCESS* process = k.ps.FindProcess(HandleId(ProcessId));
+  _KPROCESS* process = k.ps.ReferenceProcess(HandleId(ProcessId));
   if (!process) return STATUS_INVALID_CID;  // as from Windows Vista on
-  k.ob.Reference(process);
   NoteDriverReference(process);
   *Process = process;
   return STATUS_SUCCESS;
@@ -29,9 +28,8 @@ NTSTATUS NTAPI PsLookupProcessByProcessId(HANDLE ProcessId, PEPROCESS* Process) 
 
 NTSTATUS NTAPI PsLookupThreadByThreadId(HANDLE ThreadId, PETHREAD* Thread) {
   Kernel& k = K();
-  _KTHREAD* thread = k.ps.FindThread(HandleId(ThreadId));
+  _KTHREAD* thread = k.ps.ReferenceThread(HandleId(ThreadId));
   if (!thread) return STATUS_INVALID_PARAMETER;
-  k.ob.Reference(thread);
   NoteDriverReference(thread);
   *Thread = thread;
   return STATUS_SUCCESS;

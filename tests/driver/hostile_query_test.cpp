@@ -23,7 +23,6 @@ using namespace sentrel_test;
 
 namespace {
 
-constexpr uint64_t kMallory = 0x7A100;
 constexpr ULONG_PTR kNoInformation = ~ULONG_PTR(0);
 constexpr size_t kGuard = 64;  // bytes watched on either side of an output buffer
 constexpr uint8_t kFill = 0xCC;
@@ -110,7 +109,7 @@ class HostileQueryTest : public ::testing::Test {
   void SetUp() override {
     world.SetRegistryDwordDirect(DebugKey(), u"PrintLevel", SK_LEVEL_ERROR | SK_LEVEL_INFO);
     world.SetRegistryDwordDirect(DebugKey(), u"TraceLevel", SK_TRACE_COMMU);
-    world.LogOn({kMallory, u"SENTREL-LAB", u"mallory", "S-1-5-21-7-8-9-1337", 2});
+    LogOnMallory(world);
     ASSERT_EQ(world.LoadDriver(), STATUS_SUCCESS);
     // The session's input-method process makes the logon table learn the user.
     Create(900, 4, u"C:\\Windows\\System32\\InputMethod\\CHS\\ChsIME.exe", u"ChsIME.exe");
@@ -131,16 +130,7 @@ class HostileQueryTest : public ::testing::Test {
   }
 
   UserProcess& Create(uint64_t pid, uint64_t creator, const std::u16string& path, const std::u16string& commandLine) {
-    ProcessSpec spec;
-    spec.pid = pid;
-    spec.parentPid = creator;
-    spec.creatorPid = creator;
-    spec.imagePath = u"\\??\\" + path;
-    spec.commandLine = commandLine;
-    spec.currentDirectory = u"C:\\Users\\mallory\\";
-    spec.logonId = kMallory;
-    spec.sessionId = 2;
-    UserProcess& process = world.CreateProcess(spec);
+    UserProcess& process = world.CreateProcess(MallorysProcess(pid, creator, path, commandLine));
     started.push_back(&process);
     return process;
   }
@@ -462,14 +452,7 @@ TEST_F(HostileQueryTest, EveryAllocationFailureDuringAQueryIsRefusedCleanly) {
   int refusedCount = 0;
   for (uint64_t n = 1;; ++n) {
     ASSERT_LT(n, 80u) << "the query never stopped allocating";
-    ProcessSpec spec;
-    spec.pid = 6000 + 4 * n;
-    spec.parentPid = spec.creatorPid = 1100;
-    spec.imagePath = u"\\??\\C:\\Tools\\target.exe";
-    spec.commandLine = u"target.exe --n";
-    spec.currentDirectory = u"C:\\Users\\mallory\\";
-    spec.logonId = kMallory;
-    spec.sessionId = 2;
+    ProcessSpec spec = MallorysProcess(6000 + 4 * n, 1100, u"C:\\Tools\\target.exe", u"target.exe --n");
     spec.mapExecutable = false;
     UserProcess& target = world.CreateProcess(spec);
     Settle();

@@ -23,11 +23,11 @@ using ntsim::ProcessSpec;
 using ntsim::UserProcess;
 using ntsim::World;
 using sentrel_test::HasMessage;
+using sentrel_test::kMallory;
 using sentrel_test::HasMessageStarting;
 
 namespace {
 
-constexpr uint64_t kMallory = 0x7A100;
 
 enum class Kind { kProcess, kLogon, kTree };
 
@@ -66,7 +66,7 @@ class PackageCacheTest : public ::testing::Test {
  protected:
   void SetUp() override {
     world = std::make_unique<World>();
-    world->LogOn({kMallory, u"SENTREL-LAB", u"mallory", "S-1-5-21-7-8-9-1337", 2});
+    sentrel_test::LogOnMallory(*world);
     SkDriverObject = world->kernel().io.CreateDriverObject(u"\\Driver\\PackageTest", nullptr);
     sentrel_test::ExemptRuleTries(*world);
     PrintLevel = SK_LEVEL_ERROR | SK_LEVEL_WARNING | SK_LEVEL_INFO;
@@ -85,17 +85,7 @@ class PackageCacheTest : public ::testing::Test {
 
   UserProcess& Create(uint64_t pid, uint64_t creator, const std::u16string& path, const std::u16string& commandLine,
                       uint64_t logon = kMallory, ULONG rid = 0x2000) {
-    ProcessSpec spec;
-    spec.pid = pid;
-    spec.parentPid = creator;
-    spec.creatorPid = creator;
-    spec.imagePath = u"\\??\\" + path;
-    spec.commandLine = commandLine;
-    spec.currentDirectory = u"C:\\Users\\mallory\\";
-    spec.logonId = logon;
-    spec.integrityRid = rid;
-    spec.sessionId = 2;
-    return world->CreateProcess(spec);
+    return world->CreateProcess(sentrel_test::MallorysProcess(pid, creator, path, commandLine, logon, rid));
   }
 
   // A get-or-build's package, copied out and given back.

@@ -73,4 +73,26 @@ inline bool HasMessageStarting(ntsim::World& world, const std::string& text) {
   return false;
 }
 
+// The logged-on user whose processes the package tests describe: SENTREL-LAB\mallory, session 2.
+constexpr uint64_t kMallory = 0x7A100;
+inline void LogOnMallory(ntsim::World& world) {
+  world.LogOn({kMallory, u"SENTREL-LAB", u"mallory", "S-1-5-21-7-8-9-1337", 2});
+}
+// One of her processes, started by `creator` from a DOS path, in her profile folder.
+inline ntsim::ProcessSpec MallorysProcess(uint64_t pid, uint64_t creator, const std::u16string& dosPath,
+                                          const std::u16string& commandLine, uint64_t logon = kMallory,
+                                          ULONG integrityRid = 0x2000) {
+  ntsim::ProcessSpec spec;
+  spec.pid = pid;
+  spec.parentPid = creator;
+  spec.creatorPid = creator;
+  spec.imagePath = u"\\??\\" + dosPath;
+  spec.commandLine = commandLine;
+  spec.currentDirectory = u"C:\\Users\\mallory\\";
+  spec.logonId = logon;
+  spec.integrityRid = integrityRid;
+  spec.sessionId = 2;
+  return spec;
+}
+
 }  // namespace sentrel_test
